@@ -1,0 +1,51 @@
+# Thin wrapper over the CMake presets. `make run` builds and starts the service; `make test` builds and
+# runs every test (Linux debug, sanitizers, and the Windows build under Wine).
+.PHONY: deps deps-build run build test test-dev test-asan test-windows bench fuzz format clean
+
+JOBS ?= $(shell nproc)
+
+deps:
+	@scripts/deps.sh test
+
+deps-build:
+	@scripts/deps.sh build
+
+build: deps-build
+	cmake --preset release >/dev/null
+	cmake --build --preset release -j $(JOBS)
+
+run: build
+	./build/release/tavrel $(ARGS)
+
+test: deps test-dev test-asan test-windows
+
+test-dev:
+	cmake --preset dev >/dev/null
+	cmake --build --preset dev -j $(JOBS)
+	ctest --preset dev -j $(JOBS)
+
+test-asan:
+	cmake --preset asan >/dev/null
+	cmake --build --preset asan -j $(JOBS)
+	ctest --preset asan -j $(JOBS) -LE netns
+
+test-windows:
+	cmake --preset windows >/dev/null
+	cmake --build --preset windows -j $(JOBS)
+	scripts/wine-ctest.sh
+
+bench:
+	@scripts/deps.sh bench
+	cmake --preset bench >/dev/null
+	cmake --build --preset bench -j $(JOBS)
+	bash bench/run-all.sh
+
+fuzz: deps
+	cmake --preset fuzz >/dev/null
+	cmake --build --preset fuzz -j $(JOBS)
+
+format:
+	clang-format -i $$(git ls-files '*.cpp' '*.h')
+
+clean:
+	rm -rf build

@@ -1,0 +1,17 @@
+#include "platform/LocalTime.h"
+
+#include <ctime>
+
+namespace tavrel::platform {
+
+std::chrono::local_seconds LocalNow() {
+  std::time_t t = std::time(nullptr);
+  std::tm tm{};
+  localtime_r(&t, &tm);
+  using namespace std::chrono;
+  auto date = local_days{year{tm.tm_year + 1900} / month{static_cast<unsigned>(tm.tm_mon + 1)} /
+                        day{static_cast<unsigned>(tm.tm_mday)}};
+  return date + hours{tm.tm_hour} + minutes{tm.tm_min} + seconds{tm.tm_sec};
+}
+
+}  // namespace tavrel::platform

@@ -1,0 +1,54 @@
+#pragma once
+
+#include <chrono>
+#include <filesystem>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "core/Reporter.h"
+
+namespace tavrel::test {
+
+// A fresh, empty folder under the system temp folder, removed again with everything in it.
+class TempDir {
+ public:
+  TempDir();
+  ~TempDir();
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+
+  const std::filesystem::path& Path() const { return path_; }
+  // Path() / relative, as a string in the platform's form.
+  std::string operator/(const std::string& relative) const;
+
+ private:
+  std::filesystem::path path_;
+};
+
+// Every WriteLog and ReportEvent call, in order, as "module|text|number|description|line".
+class RecordingReporter : public Reporter {
+ public:
+  struct Call {
+    bool event;
+    std::string module, text;
+    Err err;
+  };
+  using Reporter::ReportEvent;
+  using Reporter::WriteLog;
+  void WriteLog(std::string_view module, std::string_view text, const Err& err) override {
+    calls.push_back({false, std::string(module), std::string(text), err});
+  }
+  void ReportEvent(std::string_view module, std::string_view text, const Err& err) override {
+    calls.push_back({true, std::string(module), std::string(text), err});
+  }
+  std::vector<Call> calls;
+};
+
+std::string ReadFile(const std::filesystem::path& path);
+void WriteFile(const std::filesystem::path& path, const std::string& bytes);
+
+// Polls cond every few milliseconds until it holds or the deadline passes; returns its last value.
+bool WaitFor(const std::function<bool()>& cond, std::chrono::milliseconds deadline = std::chrono::seconds(5));
+
+}  // namespace tavrel::test
