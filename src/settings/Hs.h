@@ -1,0 +1,56 @@
+#pragma once
+
+#include <filesystem>
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include "core/Reporter.h"
+
+namespace tavrel {
+
+// The program's own settings file in the Config folder.
+inline constexpr std::string_view kIniFile = "tavrel.ini";
+
+// The settings object offered to pages and used by the whole program for its INI files, all of which
+// live in the home's Config folder. There is no cache: every call loads the file afresh, every change
+// saves it at once.
+class Hs {
+ public:
+  Hs(std::filesystem::path configFolder, Reporter& reporter);
+
+  // The value, or defaultValue when the file, the key or a non-empty value is missing. A missing file is
+  // not created. An empty file name means "settings.ini".
+  std::string GetINISetting(std::string_view section, std::string_view key, std::string_view defaultValue,
+                            std::string_view file = {}) const;
+  void SaveIniSetting(std::string_view section, std::string_view key, std::string_view value,
+                      std::string_view file = {});
+  // Every pair of the section as key "=" value, in order, joined by character 0.
+  std::string GetINISection(std::string_view section, std::string_view file = {}) const;
+  void ClearINISection(std::string_view section, std::string_view file = {});
+
+  // Major, minor and revision joined by ".".
+  std::string Version() const;
+
+  // Placeholders that keep framework scripts from failing; always empty.
+  std::string SystemUpTime() const { return {}; }
+  std::string WEBLoggedInUser() const { return {}; }
+  std::string DeviceString(std::string_view /*ignored*/) const { return {}; }
+
+  // The last sunrise and sunset heard on the xAP network ("Time.Today").
+  const std::string& Sunrise() const { return sunrise_; }
+  const std::string& Sunset() const { return sunset_; }
+  void SetSunrise(std::string value) { sunrise_ = std::move(value); }
+  void SetSunset(std::string value) { sunset_ = std::move(value); }
+
+  const std::filesystem::path& ConfigFolder() const { return configFolder_; }
+  std::filesystem::path FilePath(std::string_view file) const;
+
+ private:
+  std::filesystem::path configFolder_;
+  Reporter& reporter_;
+  std::string sunrise_;
+  std::string sunset_;
+};
+
+}  // namespace tavrel

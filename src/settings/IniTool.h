@@ -1,0 +1,45 @@
+#pragma once
+
+#include <filesystem>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "core/OrderedDict.h"
+#include "core/Reporter.h"
+
+namespace tavrel {
+
+// The program's only reader and writer of INI files: loads one file into a flat table, answers reads,
+// takes writes and deletions, and writes the whole file back sorted, keeping a "_bck" copy.
+// Table keys: a section entry is the upper-case section name (item: the name as written); a value entry
+// is upper-case section + "~" + upper-case key (item: the value as written).
+class IniTool {
+ public:
+  explicit IniTool(Reporter& reporter) : reporter_(reporter) {}
+
+  void Load(const std::filesystem::path& fileName);
+  void DumpHashTable() {}
+  std::string Read(std::string_view section, std::string_view key, std::string_view defaultValue) const;
+  void WriteKey(std::string_view section, std::string_view key, std::string_view value);
+  void Remove(std::string_view section, std::string_view key);
+  void RemoveSection(std::string_view section);
+  // All section names as written; empty when there is none.
+  std::vector<std::string> Sections() const;
+  // The upper-case key names of the section; the name is a pattern (see IniTool.cpp). No match gives
+  // one empty element.
+  std::vector<std::string> Keys(std::string_view section) const;
+  void Clear() { table_.RemoveAll(); }
+  void Save();
+
+  const std::filesystem::path& FileName() const { return fileName_; }
+  // The value entries in table order, for callers that walk a section (key: "SECTION~KEY").
+  const OrderedDict<std::string>& Table() const { return table_; }
+
+ private:
+  Reporter& reporter_;
+  std::filesystem::path fileName_;
+  OrderedDict<std::string> table_;
+};
+
+}  // namespace tavrel
