@@ -1,0 +1,28 @@
+#pragma once
+
+#include <filesystem>
+#include <string>
+
+namespace tavrel::platform {
+
+// This machine's name: GetComputerNameA on Windows, the host name cut at the first "." elsewhere.
+std::string ComputerName();
+
+// The MAC address of the first adapter that is up, is not loopback and has an IPv4 address, as
+// "00:11:22:33:44:55" in upper case; "" when there is none.
+std::string LocalMac();
+
+// The IPv4 address of that same adapter as dotted text; "" when there is none.
+std::string PrimaryIPv4();
+
+// The running program's own file.
+std::filesystem::path ExecutablePath();
+
+// The per-user data folder for the program ($XDG_DATA_HOME/tavrel or ~/.local/share/tavrel,
+// %LOCALAPPDATA%\tavrel).
+std::filesystem::path UserDataFolder();
+
+// Opens url in the user's web browser without waiting for it; false when no launcher could be started.
+bool OpenBrowser(const std::string& url);
+
+}  // namespace tavrel::platform

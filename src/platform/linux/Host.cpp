@@ -1,0 +1,94 @@
+#include "platform/Host.h"
+
+#include <arpa/inet.h>
+#include <ifaddrs.h>
+#include <net/if.h>
+#include <netinet/in.h>
+#include <spawn.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+extern char** environ;
+
+namespace tavrel::platform {
+
+namespace {
+// The first adapter that is up, not loopback, and has an IPv4 address.
+bool FirstAdapter(std::string& name, std::string& ip) {
+  ifaddrs* list = nullptr;
+  if (getifaddrs(&list) != 0) return false;
+  bool found = false;
+  for (ifaddrs* a = list; a != nullptr && !found; a = a->ifa_next) {
+    if (a->ifa_addr == nullptr || a->ifa_addr->sa_family != AF_INET) continue;
+    if ((a->ifa_flags & IFF_UP) == 0 || (a->ifa_flags & IFF_LOOPBACK) != 0) continue;
+    char text[INET_ADDRSTRLEN] = {};
+    auto* sin = reinterpret_cast<sockaddr_in*>(a->ifa_addr);
+    if (inet_ntop(AF_INET, &sin->sin_addr, text, sizeof text) == nullptr) continue;
+    name = a->ifa_name;
+    ip = text;
+    found = true;
+  }
+  freeifaddrs(list);
+  return found;
+}
+}  // namespace
+
+std::string ComputerName() {
+  char buf[256] = {};
+  if (gethostname(buf, sizeof buf - 1) != 0) return {};
+  std::string name(buf);
+  return name.substr(0, name.find('.'));
+}
+
+std::string LocalMac() {
+  std::string name, ip;
+  if (!FirstAdapter(name, ip)) return {};
+  int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  if (fd < 0) return {};
+  ifreq req{};
+  std::strncpy(req.ifr_name, name.c_str(), IFNAMSIZ - 1);
+  int rc = ioctl(fd, SIOCGIFHWADDR, &req);
+  close(fd);
+  if (rc != 0) return {};
+  const auto* b = reinterpret_cast<const unsigned char*>(req.ifr_hwaddr.sa_data);
+  char text[18];
+  std::snprintf(text, sizeof text, "%02X:%02X:%02X:%02X:%02X:%02X", b[0], b[1], b[2], b[3], b[4], b[5]);
+  return text;
+}
+
+std::string PrimaryIPv4() {
+  std::string name, ip;
+  return FirstAdapter(name, ip) ? ip : std::string();
+}
+
+std::filesystem::path ExecutablePath() {
+  std::error_code ec;
+  auto p = std::filesystem::read_symlink("/proc/self/exe", ec);
+  return ec ? std::filesystem::path() : p;
+}
+
+std::filesystem::path UserDataFolder() {
+  if (const char* xdg = std::getenv("XDG_DATA_HOME"); xdg != nullptr && *xdg == '/') {
+    return std::filesystem::path(xdg) / "tavrel";
+  }
+  const char* home = std::getenv("HOME");
+  return std::filesystem::path(home != nullptr && *home != '\0' ? home : "/tmp") / ".local/share/tavrel";
+}
+
+bool OpenBrowser(const std::string& url) {
+  pid_t pid = 0;
+  const char* argv[] = {"xdg-open", url.c_str(), nullptr};
+  if (posix_spawnp(&pid, "xdg-open", nullptr, nullptr, const_cast<char**>(argv), environ) != 0) return false;
+  // xdg-open returns quickly after handing the URL on; reap it so no zombie is left.
+  int status = 0;
+  waitpid(pid, &status, 0);
+  return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+}  // namespace tavrel::platform

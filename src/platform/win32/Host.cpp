@@ -1,0 +1,93 @@
+#include "platform/Host.h"
+
+#include <winsock2.h>
+#include <windows.h>
+#include <iphlpapi.h>
+#include <shellapi.h>
+#include <ws2tcpip.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <vector>
+
+namespace tavrel::platform {
+
+namespace {
+// Walks the adapters and calls f(adapter, ipv4 text) for the first one that is up and has IPv4.
+template <class F>
+bool FirstAdapter(F f) {
+  ULONG size = 16 * 1024;
+  std::vector<unsigned char> buf(size);
+  ULONG flags = GAA_FLAG_SKIP_ANYCAST | GAA_FLAG_SKIP_MULTICAST | GAA_FLAG_SKIP_DNS_SERVER;
+  auto* list = reinterpret_cast<IP_ADAPTER_ADDRESSES*>(buf.data());
+  ULONG rc = GetAdaptersAddresses(AF_INET, flags, nullptr, list, &size);
+  if (rc == ERROR_BUFFER_OVERFLOW) {
+    buf.resize(size);
+    list = reinterpret_cast<IP_ADAPTER_ADDRESSES*>(buf.data());
+    rc = GetAdaptersAddresses(AF_INET, flags, nullptr, list, &size);
+  }
+  if (rc != NO_ERROR) return false;
+  for (auto* a = list; a != nullptr; a = a->Next) {
+    if (a->IfType == IF_TYPE_SOFTWARE_LOOPBACK || a->OperStatus != IfOperStatusUp) continue;
+    for (auto* u = a->FirstUnicastAddress; u != nullptr; u = u->Next) {
+      if (u->Address.lpSockaddr->sa_family != AF_INET) continue;
+      char text[INET_ADDRSTRLEN] = {};
+      auto* sin = reinterpret_cast<sockaddr_in*>(u->Address.lpSockaddr);
+      if (inet_ntop(AF_INET, &sin->sin_addr, text, sizeof text) == nullptr) continue;
+      f(*a, std::string(text));
+      return true;
+    }
+  }
+  return false;
+}
+}  // namespace
+
+std::string ComputerName() {
+  char buf[MAX_COMPUTERNAME_LENGTH + 1] = {};
+  DWORD size = sizeof buf;
+  if (!GetComputerNameA(buf, &size)) return {};
+  return std::string(buf, size);
+}
+
+std::string LocalMac() {
+  std::string mac;
+  FirstAdapter([&](const IP_ADAPTER_ADDRESSES& a, const std::string&) {
+    if (a.PhysicalAddressLength != 6) return;
+    char text[18];
+    const BYTE* b = a.PhysicalAddress;
+    std::snprintf(text, sizeof text, "%02X:%02X:%02X:%02X:%02X:%02X", b[0], b[1], b[2], b[3], b[4], b[5]);
+    mac = text;
+  });
+  return mac;
+}
+
+std::string PrimaryIPv4() {
+  std::string ip;
+  FirstAdapter([&](const IP_ADAPTER_ADDRESSES&, const std::string& text) { ip = text; });
+  return ip;
+}
+
+std::filesystem::path ExecutablePath() {
+  std::vector<wchar_t> buf(MAX_PATH);
+  while (true) {
+    DWORD n = GetModuleFileNameW(nullptr, buf.data(), static_cast<DWORD>(buf.size()));
+    if (n == 0) return {};
+    if (n < buf.size()) return std::filesystem::path(std::wstring(buf.data(), n));
+    buf.resize(buf.size() * 2);
+  }
+}
+
+std::filesystem::path UserDataFolder() {
+  if (const wchar_t* local = _wgetenv(L"LOCALAPPDATA"); local != nullptr && *local != L'\0') {
+    return std::filesystem::path(local) / "tavrel";
+  }
+  return std::filesystem::temp_directory_path() / "tavrel";
+}
+
+bool OpenBrowser(const std::string& url) {
+  // The same call the tray menu always made: Internet Explorer by name, the URL as its parameter.
+  auto rc = reinterpret_cast<INT_PTR>(ShellExecuteA(nullptr, nullptr, "Iexplore", url.c_str(), nullptr, SW_SHOWNORMAL));
+  return rc > 32;
+}
+
+}  // namespace tavrel::platform
