@@ -1,0 +1,175 @@
+#include "xap/XapMessage.h"
+
+#include <algorithm>
+#include <exception>
+#include <stdexcept>
+
+#include "core/Text.h"
+
+namespace tavrel {
+
+namespace {
+
+// Runtime error numbers the log lines carry, as the original runtime numbered them.
+constexpr long kSubscriptOutOfRange = 9;
+constexpr long kKeyAlreadyUsed = 457;
+
+std::vector<std::string_view> SplitLines(std::string_view text) {
+  std::vector<std::string_view> lines;
+  size_t start = 0;
+  while (true) {
+    size_t at = text.find('\n', start);
+    if (at == std::string_view::npos) {
+      lines.push_back(text.substr(start));
+      return lines;
+    }
+    lines.push_back(text.substr(start, at - start));
+    start = at + 1;
+  }
+}
+
+std::vector<std::string> SplitAddress(std::string_view address) { return Split(LCase(address), "."); }
+
+}  // namespace
+
+void XapMessage::AddHeader(std::string_view headerPrefix) {
+  try {
+    output_.Append(headerPrefix);
+    output_.Append("class=");
+    output_.Append(msgClass);
+    output_.Append("\n");
+    output_.Append("source=");
+    output_.Append(msgSource);
+    output_.Append("\n");
+    if (!msgTarget.empty()) {
+      output_.Append("target=");
+      output_.Append(msgTarget);
+      output_.Append("\n");
+    }
+    output_.Append("}\n");
+    blockOpen_ = false;
+  } catch (const std::exception& e) {
+    if (reporter_ != nullptr) reporter_->WriteLog(kModule, "Message AddHeader", Err::From(e));
+  }
+}
+
+void XapMessage::AddSection(std::string_view name) {
+  if (blockOpen_) output_.Append("}\n");
+  output_.Append(name);
+  output_.Append("\n{\n");
+  blockOpen_ = true;
+}
+
+void XapMessage::AddItem(std::string_view key, std::string_view value) {
+  output_.Append(key);
+  output_.Append("=");
+  output_.Append(value);
+  output_.Append("\n");
+}
+
+std::string XapMessage::ToXap() const { return output_.ToString() + "}\n"; }
+
+void XapMessage::ClearText() { output_.Reset(); }
+
+// Parsing goes on after a duplicate block name or key: the first block or line keeps the name, and the
+// rest of the message is still read. Only the first failure of a text is logged, so a hostile datagram
+// full of duplicates costs one log line, as a failure that ended the parse would.
+void XapMessage::FromXap(std::string_view text) {
+  if (text.empty()) return;
+  bool logged = false;
+  auto fail = [&](Err err) {
+    if (!logged && reporter_ != nullptr) reporter_->WriteLog(kModule, "From XAP", err);
+    logged = true;
+  };
+  try {
+    const std::vector<std::string_view> lines = SplitLines(text);
+    if (FindNoCase(lines[0], "xap-header") == std::string_view::npos) return;
+    int block = -1;
+    for (size_t i = 2; i < lines.size(); ++i) {
+      std::string_view line = lines[i];
+      if (line == "}") {
+        ++block;
+        if (++i >= lines.size()) {
+          fail(Err::Of("Subscript out of range", kSubscriptOutOfRange));
+          return;
+        }
+        if (!blockIndex_.Add(LCase(lines[i]), block)) {
+          fail(Err::Of("This key is already associated with an element of this collection", kKeyAlreadyUsed));
+        }
+        if (blocks_.size() < static_cast<size_t>(block) + 1) blocks_.resize(static_cast<size_t>(block) + 1);
+        blocks_[static_cast<size_t>(block)] = OrderedDict<std::string>();
+        continue;
+      }
+      size_t eq = line.find('=');
+      if (eq == std::string_view::npos) continue;
+      std::string key = LCase(Trim(line.substr(0, eq)));
+      if (block < 0) {
+        std::string value = Trim(line.substr(eq + 1));
+        if (key == "uid") {
+          msgUID = std::move(value);
+        } else if (key == "class") {
+          msgClass = std::move(value);
+        } else if (key == "source") {
+          msgSource = std::move(value);
+        } else if (key == "target") {
+          msgTarget = std::move(value);
+        }
+      } else if (!blocks_[static_cast<size_t>(block)].Add(key, std::string(line))) {
+        fail(Err::Of("This key is already associated with an element of this collection", kKeyAlreadyUsed));
+      }
+    }
+  } catch (const std::exception& e) {
+    fail(Err::From(e));
+  }
+}
+
+std::string XapMessage::GetItem(std::string_view section, std::string_view key) const {
+  try {
+    const int* block = blockIndex_.Find(LCase(section));
+    if (block == nullptr) return "Unknown";
+    const std::string* line = blocks_.at(static_cast<size_t>(*block)).Find(LCase(key));
+    if (line == nullptr) return "Unknown";
+    return std::string(After(*line, "="));
+  } catch (const std::exception& e) {
+    if (reporter_ != nullptr) reporter_->WriteLog(kModule, "GetItem", Err::From(e));
+    return {};
+  }
+}
+
+std::vector<std::string> XapMessage::msgSection() const {
+  if (blockIndex_.Empty()) return {std::string()};
+  std::vector<std::string> names = blockIndex_.Keys();
+  if (names.size() < 2) throw std::out_of_range("Subscript out of range");
+  names.pop_back();
+  return names;
+}
+
+const OrderedDict<std::string>* XapMessage::msgCollection(int index) const {
+  if (index < 0 || static_cast<size_t>(index) >= blocks_.size()) return nullptr;
+  return &blocks_[static_cast<size_t>(index)];
+}
+
+bool XapMessage::CompareClass(std::string_view className) const { return LCase(className) == LCase(msgClass); }
+
+bool XapMessage::CompareSource(std::string_view pattern) const { return CompareAddress(pattern, msgSource); }
+
+bool XapMessage::CompareTarget(std::string_view pattern) const { return CompareAddress(pattern, msgTarget); }
+
+bool XapMessage::CompareAddress(std::string_view a, std::string_view b) const {
+  if (a.empty() || b.empty()) return false;
+  try {
+    const std::vector<std::string> left = SplitAddress(a);
+    const std::vector<std::string> right = SplitAddress(b);
+    const size_t limit = std::min(left.size(), right.size());
+    for (size_t i = 0; i < limit; ++i) {
+      if (left[i] == ">" || right[i] == ">") return true;
+      if (left[i] != "*" && right[i] != "*" && left[i] != right[i]) return false;
+    }
+    return left.size() == right.size();
+  } catch (const std::exception& e) {
+    if (reporter_ != nullptr) reporter_->WriteLog(kModule, "Message CompareAddress", Err::From(e));
+    return false;
+  }
+}
+
+}  // namespace tavrel
