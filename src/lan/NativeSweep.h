@@ -1,0 +1,58 @@
+#pragma once
+
+#include <functional>
+#include <iosfwd>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <asio/io_context.hpp>
+
+#include "core/Reporter.h"
+
+namespace tavrel {
+
+// One address found by a sweep: dotted IPv4 text and the MAC in the form "arp -a" prints
+// ("00-11-22-aa-bb-cc", lower case).
+struct ArpEntry {
+  std::string Ip;
+  std::string Mac;
+
+  bool operator==(const ArpEntry&) const = default;
+};
+
+// The fast sweep: every host 1-254 of every subnet probed at once, then the OS neighbour table read until
+// the sweep's deadline. Runs on the io_context and never blocks it.
+class NativeSweep {
+ public:
+  // Results per subnet, in the order the subnets were given.
+  using Done = std::function<void(const std::vector<std::vector<ArpEntry>>& perSubnet)>;
+
+  NativeSweep(asio::io_context& io, Reporter& reporter);
+  ~NativeSweep();
+  NativeSweep(const NativeSweep&) = delete;
+  NativeSweep& operator=(const NativeSweep&) = delete;
+
+  // subnets are "a.b.c" texts (three dotted numbers 0-255), checked by the caller. A sweep already
+  // running is cancelled first (its Done is not called). done runs on the io_context.
+  void Start(std::vector<std::string> subnets, Done done);
+  bool Running() const;
+  void Cancel();
+
+ private:
+  struct Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+// The results of one subnet as "arp -a" prints them: per entry two blanks, the IP, blanks to column 24,
+// the MAC, blanks, "dynamic", line end; read back by the scan timer's log reader.
+std::string ArpLogText(const std::vector<ArpEntry>& entries);
+
+// True when text is three dotted decimal numbers 0-255 ("198.51.100").
+bool IsSubnetText(const std::string& text);
+
+// `tavrel scan SUBNET...`: one sweep, printing "IP MAC" per line; exit code 0, or 2 with a message on err
+// for bad arguments.
+int ScanCommand(const std::vector<std::string>& subnets, std::ostream& out, std::ostream& err);
+
+}  // namespace tavrel
