@@ -1,0 +1,274 @@
+#include "lan/NativeSweep.h"
+
+#include <asio/post.hpp>
+#include <asio/steady_timer.hpp>
+#include <chrono>
+#include <cstdio>
+#include <map>
+#include <ostream>
+#include <utility>
+
+#include "core/Text.h"
+#include "platform/LineEnd.h"
+#include "platform/Neighbours.h"
+
+namespace tavrel {
+
+using platform::Ipv4;
+using platform::MacAddress;
+
+namespace {
+
+// Timing of one sweep, measured on the namespace testbed (scripts/testbed.sh, bench/sweep.sh): every
+// live host there answers within 30 ms, a host made 200 ms late within 215 ms. Wi-Fi clients in power
+// save answer ARP a beacon interval or three late (100-300 ms).
+// - kRetryAfter: addresses still silent then get a second probe, so one lost request or reply on a
+//   busy or wireless link does not lose the host.
+// - kDeadline: a host 200 ms late still answers the second probe before it (300 + 200 ms), with the
+//   rest as margin for scheduling and slow links. The sweep ends there, whatever is still missing;
+//   one /24 then takes about 0.8 s of wall time, four /24s hardly more, since sending 1,016 probes
+//   takes a few milliseconds.
+constexpr std::chrono::milliseconds kRetryAfter{300};
+constexpr std::chrono::milliseconds kDeadline{800};
+
+constexpr int kFirstHost = 1;
+constexpr int kLastHost = 254;
+
+// The base address a.b.c.0 of a subnet text, or nothing for text that is not a subnet or names no
+// unicast hosts (0.x.x, 127.x.x loopback, 224 and above multicast and reserved).
+bool SubnetBase(const std::string& text, Ipv4& base) {
+  if (!IsSubnetText(text)) return false;
+  std::vector<std::string> parts = Split(Trim(text), ".");
+  Ipv4 value = 0;
+  for (const std::string& part : parts) value = (value << 8) | static_cast<Ipv4>(std::stoul(part));
+  Ipv4 first = value >> 16;
+  if (first == 0 || first == 127 || first >= 224) return false;
+  base = value << 8;
+  return true;
+}
+
+std::string IpText(Ipv4 ip) {
+  return std::to_string(ip >> 24) + "." + std::to_string((ip >> 16) & 0xFF) + "." +
+         std::to_string((ip >> 8) & 0xFF) + "." + std::to_string(ip & 0xFF);
+}
+
+std::string MacText(const MacAddress& mac) {
+  char text[18];
+  std::snprintf(text, sizeof text, "%02x-%02x-%02x-%02x-%02x-%02x", mac[0], mac[1], mac[2], mac[3], mac[4],
+                mac[5]);
+  return text;
+}
+
+// Prints the command's problems; the sweep's own reports land here too.
+class StreamReporter : public Reporter {
+ public:
+  explicit StreamReporter(std::ostream& err) : err_(err) {}
+  using Reporter::ReportEvent;
+  using Reporter::WriteLog;
+  void WriteLog(std::string_view, std::string_view text, const Err& err) override { Print(text, err); }
+  void ReportEvent(std::string_view, std::string_view text, const Err& err) override { Print(text, err); }
+
+  bool Reported() const { return reported_; }
+
+ private:
+  void Print(std::string_view text, const Err& err) {
+    reported_ = true;
+    err_ << "tavrel scan: " << text;
+    if (err.IsSet()) err_ << ": " << err.Description;
+    err_ << '\n';
+  }
+  std::ostream& err_;
+  bool reported_ = false;
+};
+
+// One sweep in flight. Handlers hold it weakly, so a cancelled or replaced sweep simply stops.
+struct SweepRun {
+  SweepRun(asio::io_context& io, std::vector<Ipv4> bases, NativeSweep::Done done)
+      : timer(io), bases(std::move(bases)), done(std::move(done)) {}
+
+  asio::steady_timer timer;
+  std::vector<Ipv4> bases;  // per subnet given; 0 for one that is not probed
+  std::vector<Ipv4> addresses;
+  NativeSweep::Done done;
+  std::shared_ptr<platform::NeighbourProbe> probe;
+  std::chrono::steady_clock::time_point started;
+};
+
+}  // namespace
+
+struct NativeSweep::Impl {
+  Impl(asio::io_context& io, Reporter& reporter) : io(io), reporter(reporter) {}
+
+  asio::io_context& io;
+  Reporter& reporter;
+  std::shared_ptr<SweepRun> run;
+
+  void Retry(const std::shared_ptr<SweepRun>& current);
+  void Finish(const std::shared_ptr<SweepRun>& current);
+  void ReportSendFailures(const SweepRun& current);
+};
+
+NativeSweep::NativeSweep(asio::io_context& io, Reporter& reporter)
+    : impl_(std::make_unique<Impl>(io, reporter)) {}
+
+NativeSweep::~NativeSweep() { Cancel(); }
+
+bool NativeSweep::Running() const { return impl_->run != nullptr; }
+
+void NativeSweep::Cancel() {
+  if (!impl_->run) return;
+  impl_->run->timer.cancel();
+  impl_->run.reset();
+}
+
+void NativeSweep::Start(std::vector<std::string> subnets, Done done) {
+  Cancel();
+  std::vector<Ipv4> bases;
+  for (const std::string& subnet : subnets) {
+    Ipv4 base = 0;
+    bases.push_back(SubnetBase(subnet, base) ? base : 0);
+  }
+  auto current = std::make_shared<SweepRun>(impl_->io, std::move(bases), std::move(done));
+  impl_->run = current;
+  for (Ipv4 base : current->bases) {
+    if (base == 0) continue;
+    for (int host = kFirstHost; host <= kLastHost; ++host) current->addresses.push_back(base | host);
+  }
+  current->started = std::chrono::steady_clock::now();
+  if (!current->addresses.empty()) {
+    std::error_code ec;
+    current->probe = platform::OpenNeighbourProbe(impl_->io, ec);
+    if (!current->probe) {
+      impl_->reporter.ReportEvent(kModule, "BuildARPTable", Err::Of("native sweep: " + ec.message()));
+    }
+  }
+  if (!current->probe) {
+    // Nothing to wait for: finish on the next turn of the loop, never inside Start.
+    asio::post(impl_->io, [this, weak = std::weak_ptr<SweepRun>(current)] {
+      if (auto run = weak.lock(); run && run == impl_->run) impl_->Finish(run);
+    });
+    return;
+  }
+  current->probe->Probe(current->addresses);
+  current->timer.expires_at(current->started + kRetryAfter);
+  current->timer.async_wait([this, weak = std::weak_ptr<SweepRun>(current)](std::error_code ec) {
+    auto run = weak.lock();
+    if (!ec && run && run == impl_->run) impl_->Retry(run);
+  });
+}
+
+void NativeSweep::Impl::Retry(const std::shared_ptr<SweepRun>& current) {
+  std::map<Ipv4, bool> answered;
+  for (const platform::Neighbour& n : current->probe->Answered()) answered[n.Ip] = true;
+  std::vector<Ipv4> silent;
+  for (Ipv4 ip : current->addresses) {
+    if (!answered.count(ip)) silent.push_back(ip);
+  }
+  if (silent.empty()) {
+    Finish(current);
+    return;
+  }
+  current->probe->Probe(silent);
+  current->timer.expires_at(current->started + kDeadline);
+  current->timer.async_wait([this, weak = std::weak_ptr<SweepRun>(current)](std::error_code ec) {
+    auto run = weak.lock();
+    if (!ec && run && run == this->run) Finish(run);
+  });
+}
+
+void NativeSweep::Impl::Finish(const std::shared_ptr<SweepRun>& current) {
+  std::map<Ipv4, MacAddress> found;
+  if (current->probe) {
+    for (const platform::Neighbour& n : current->probe->Answered()) found.emplace(n.Ip, n.Mac);
+    ReportSendFailures(*current);
+  }
+  std::vector<std::vector<ArpEntry>> perSubnet;
+  for (Ipv4 base : current->bases) {
+    std::vector<ArpEntry>& entries = perSubnet.emplace_back();
+    if (base == 0) continue;
+    for (auto it = found.lower_bound(base | kFirstHost); it != found.end() && it->first <= (base | kLastHost);
+         ++it) {
+      entries.push_back({IpText(it->first), MacText(it->second)});
+    }
+  }
+  run.reset();
+  Done done = std::move(current->done);
+  current->probe.reset();
+  try {
+    if (done) done(perSubnet);
+  } catch (const std::exception& e) {
+    reporter.ReportEvent(kModule, "BuildARPTable", Err::From(e));
+  }
+}
+
+void NativeSweep::Impl::ReportSendFailures(const SweepRun& current) {
+  std::size_t failures = current.probe->SendFailures();
+  if (failures == 0) return;
+  reporter.ReportEvent(kModule, "BuildARPTable",
+                       Err::Of("native sweep: " + std::to_string(failures) + " probes not sent (" +
+                               current.probe->FirstSendError().message() + ")"));
+}
+
+std::string ArpLogText(const std::vector<ArpEntry>& entries) {
+  constexpr std::size_t kMacColumn = 24;
+  constexpr std::size_t kTypeColumn = 46;
+  std::string text;
+  for (const ArpEntry& entry : entries) {
+    std::string line = "  " + entry.Ip;
+    line.append(line.size() < kMacColumn ? kMacColumn - line.size() : 1, ' ');
+    line += entry.Mac;
+    line.append(line.size() < kTypeColumn ? kTypeColumn - line.size() : 1, ' ');
+    line += "dynamic";
+    text += line;
+    text += platform::kLineEnd;
+  }
+  return text;
+}
+
+bool IsSubnetText(const std::string& text) {
+  std::vector<std::string> parts = Split(Trim(text), ".");
+  if (parts.size() != 3) return false;
+  for (const std::string& part : parts) {
+    if (part.empty() || part.size() > 3) return false;
+    for (char c : part) {
+      if (c < '0' || c > '9') return false;
+    }
+    // "010" would be octal to some resolvers; only plain numbers are taken.
+    if (part.size() > 1 && part[0] == '0') return false;
+    if (std::stoi(part) > 255) return false;
+  }
+  return true;
+}
+
+int ScanCommand(const std::vector<std::string>& subnets, std::ostream& out, std::ostream& err) {
+  if (subnets.empty()) {
+    err << "usage: tavrel scan SUBNET... (each subnet three numbers, as 198.51.100)\n";
+    return 2;
+  }
+  bool bad = false;
+  for (const std::string& subnet : subnets) {
+    Ipv4 base = 0;
+    if (!IsSubnetText(subnet)) {
+      err << "tavrel scan: \"" << subnet << "\" is not a subnet: give three numbers 0-255, as 198.51.100\n";
+      bad = true;
+    } else if (!SubnetBase(subnet, base)) {
+      err << "tavrel scan: \"" << subnet << "\" holds no computers (0, 127 and 224 and above are not swept)\n";
+      bad = true;
+    }
+  }
+  if (bad) return 2;
+
+  asio::io_context io;
+  StreamReporter reporter(err);
+  NativeSweep sweep(io, reporter);
+  std::vector<std::vector<ArpEntry>> results;
+  sweep.Start(subnets, [&results](const std::vector<std::vector<ArpEntry>>& perSubnet) { results = perSubnet; });
+  io.run();
+  for (const std::vector<ArpEntry>& entries : results) {
+    for (const ArpEntry& entry : entries) out << entry.Ip << ' ' << entry.Mac << '\n';
+  }
+  out.flush();
+  return reporter.Reported() ? 1 : 0;
+}
+
+}  // namespace tavrel
