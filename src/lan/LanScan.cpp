@@ -1,0 +1,353 @@
+#include "lan/LanScan.h"
+
+#include <fstream>
+#include <iterator>
+#include <optional>
+#include <stdexcept>
+#include <system_error>
+#include <utility>
+
+#include "core/Text.h"
+
+namespace tavrel {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr std::string_view kWol = "WOL";
+constexpr std::string_view kBuildLabel = "BuildARPTable";
+constexpr std::string_view kTimerLabel = "ARPTimer_Timer";
+
+// What the original runtime raised for these two faults.
+const Err kNoDotInLocalIP{5, "Invalid procedure call or argument"};
+const Err kShortArpLine{9, "Subscript out of range"};
+
+// "p0.log", "p21.bat": a scan file name of subnet number i. (Built by appending: g++ 12 warns falsely
+// on a literal + temporary string.)
+std::string ScanFile(std::string_view prefix, size_t i, std::string_view extension) {
+  std::string name(prefix);
+  name += std::to_string(i);
+  name += extension;
+  return name;
+}
+
+void WriteBytes(const fs::path& file, const std::string& bytes) {
+  std::ofstream out(file, std::ios::binary | std::ios::trunc);
+  if (!out) throw std::runtime_error("cannot create " + file.string());
+  out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+  out.close();
+  if (!out) throw std::runtime_error("cannot write " + file.string());
+}
+
+std::string ReadBytes(const fs::path& file) {
+  std::ifstream in(file, std::ios::binary);
+  if (!in) throw std::runtime_error("cannot open " + file.string());
+  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+void RemoveIfExists(const fs::path& file) {
+  std::error_code ec;
+  if (fs::exists(file, ec)) fs::remove(file);  // throws when it cannot
+}
+
+// Lines end in CR LF ("arp -a", CMD.EXE), LF or CR.
+std::vector<std::string> Lines(const std::string& text) {
+  std::vector<std::string> lines;
+  size_t start = 0;
+  for (size_t i = 0; i < text.size(); ++i) {
+    if (text[i] != '\r' && text[i] != '\n') continue;
+    lines.push_back(text.substr(start, i - start));
+    if (text[i] == '\r' && i + 1 < text.size() && text[i + 1] == '\n') ++i;
+    start = i + 1;
+  }
+  if (start < text.size()) lines.push_back(text.substr(start));
+  return lines;
+}
+
+// The pieces between single blanks, empty pieces left out.
+std::vector<std::string> Words(const std::string& line) {
+  std::vector<std::string> words;
+  for (auto& piece : Split(line, " ")) {
+    if (!piece.empty()) words.push_back(std::move(piece));
+  }
+  return words;
+}
+
+size_t PartCount(const std::string& subnet) { return Split(subnet, ".").size(); }
+
+}  // namespace
+
+BatchFiles MakeBatchFiles(int i, const std::string& subnet, const std::string& tempFolder) {
+  const size_t n = static_cast<size_t>(i);
+  BatchFiles files;
+  files.p = "ping -n 1 -l 1 %1.%2\r\narp -a %1.%2\r\n";
+  files.p2 =
+      "for /l %%i in (1,1,254) do " + tempFolder + "\\" + ScanFile("p", n, ".bat ") + subnet + " %%i\r\n";
+  files.p3 =
+      tempFolder + "\\" + ScanFile("p2", n, ".bat > ") + tempFolder + "\\" + ScanFile("p", n, ".log\r\n");
+  return files;
+}
+
+std::string BatchTempFolder(const std::string& home) { return home.substr(0, 3) + "Temp"; }
+
+LanScan::LanScan(asio::io_context& io, ComputerTable& table, Hs& hs, XapGlobal& xap, Reporter& reporter,
+                 std::function<std::string()> localIP, fs::path home)
+    : table_(table),
+      hs_(hs),
+      xap_(xap),
+      reporter_(reporter),
+      localIP_(std::move(localIP)),
+      home_(std::move(home)),
+      timer_(io),
+      sweep_(io, reporter) {}
+
+LanScan::~LanScan() = default;
+
+void LanScan::QueryLAN() {
+  try {
+    xap_.SendXap("", "Computer.Process", "Computer.Query", XapBody({{"Query", "All"}}));
+  } catch (const std::exception& e) {
+    reporter_.ReportEvent(kModule, "QueryLAN", Err::From(e));
+  }
+  BuildARPTable();
+}
+
+// The configured subnets, or the one of this machine's address. A local address without "." fails the
+// sweep but gives the reader the placeholder "a.b.c".
+std::vector<std::string> LanScan::SubnetList(bool forTimer) const {
+  std::string list = hs_.GetINISetting(kWol, "Subnet", "", kIniFile);
+  if (list.empty()) {
+    std::string ip = localIP_();
+    size_t dot = ip.rfind('.');
+    if (dot != std::string::npos) {
+      list = ip.substr(0, dot);
+    } else if (forTimer) {
+      list = "a.b.c";
+    } else {
+      throw std::invalid_argument(kNoDotInLocalIP.Description);
+    }
+  }
+  return Split(list, ",");
+}
+
+LanScan::Method LanScan::ScanMethod(bool logFallback) const {
+  const bool haveCmd = platform::HasCmdShell();
+  const std::string fallback = haveCmd ? "batch" : "native";
+  std::string value = LCase(Trim(hs_.GetINISetting(kWol, "ScanMethod", fallback, kIniFile)));
+  if (value == "native") return Method::Native;
+  if (value == "batch" && haveCmd) return Method::Batch;
+  if (logFallback) {
+    reporter_.WriteLog(kModule, value == "batch" ? "ScanMethod batch needs CMD.EXE, using native"
+                                                 : "ScanMethod " + value + " unknown, using " + fallback);
+  }
+  return haveCmd ? Method::Batch : Method::Native;
+}
+
+fs::path LanScan::LogFolder(Method method) const {
+  if (method == Method::Batch) return fs::path(BatchTempFolder(home_.string()));
+  return home_ / "Temp";
+}
+
+void LanScan::BuildARPTable() {
+  std::vector<std::string> subnets;
+  try {
+    subnets = SubnetList(false);
+  } catch (const std::invalid_argument&) {
+    reporter_.ReportEvent(kModule, kBuildLabel, kNoDotInLocalIP);
+  } catch (const std::exception& e) {
+    reporter_.ReportEvent(kModule, kBuildLabel, Err::From(e));
+  }
+  try {
+    if (ScanMethod(true) == Method::Batch) {
+      sweep_.Cancel();
+      for (size_t i = 0; i < subnets.size(); ++i) StartBatchSweep(static_cast<int>(i), subnets[i]);
+    } else {
+      StartNativeSweep(subnets);
+    }
+  } catch (const std::exception& e) {
+    reporter_.ReportEvent(kModule, kBuildLabel, Err::From(e));
+  }
+  EnableTimer();
+}
+
+void LanScan::StartBatchSweep(int i, const std::string& subnet) {
+  if (PartCount(subnet) != 3) return;
+  // Each step reports its own failure and the sweep goes on with the next one.
+  auto step = [this](auto&& action) {
+    try {
+      action();
+    } catch (const std::exception& e) {
+      reporter_.ReportEvent(kModule, kBuildLabel, Err::From(e));
+    }
+  };
+  const std::string temp = BatchTempFolder(home_.string());
+  const fs::path folder(temp);
+  const size_t n = static_cast<size_t>(i);
+  // A fresh Windows has no drive Temp folder; without it no sweep could ever run.
+  step([&] { fs::create_directories(folder); });
+  const BatchFiles files = MakeBatchFiles(i, subnet, temp);
+  const std::pair<std::string, const std::string*> batches[] = {{ScanFile("p", n, ".bat"), &files.p},
+                                                                {ScanFile("p2", n, ".bat"), &files.p2},
+                                                                {ScanFile("p3", n, ".bat"), &files.p3}};
+  for (const auto& [name, content] : batches) {
+    step([&] { RemoveIfExists(folder / name); });
+    step([&] { WriteBytes(folder / name, *content); });
+  }
+  step([&] { RemoveIfExists(folder / ScanFile("p", n, ".log")); });
+  step([&] { WatchProcess(platform::Process::StartCommand(temp + "\\" + ScanFile("p3", n, ".bat"))); });
+}
+
+void LanScan::StartNativeSweep(const std::vector<std::string>& subnets) {
+  const fs::path folder = LogFolder(Method::Native);
+  std::vector<std::string> probe;
+  std::vector<size_t> numbers;
+  for (size_t i = 0; i < subnets.size(); ++i) {
+    if (PartCount(subnets[i]) != 3) continue;
+    // CMD.EXE drops blanks around the subnet argument; the sweep gets the same subnet.
+    std::string subnet = Trim(subnets[i]);
+    if (!IsSubnetText(subnet)) {
+      reporter_.ReportEvent(kModule, kBuildLabel, Err::Of("Invalid subnet " + subnets[i]));
+      continue;
+    }
+    try {
+      RemoveIfExists(folder / ScanFile("p", i, ".log"));
+    } catch (const std::exception& e) {
+      reporter_.ReportEvent(kModule, kBuildLabel, Err::From(e));
+    }
+    probe.push_back(std::move(subnet));
+    numbers.push_back(i);
+  }
+  if (probe.empty()) {
+    sweep_.Cancel();
+    return;
+  }
+  std::weak_ptr<int> alive = alive_;
+  sweep_.Start(std::move(probe), [this, alive, numbers](const std::vector<std::vector<ArpEntry>>& results) {
+    if (alive.expired()) return;
+    OnSweepDone(numbers, results);
+  });
+}
+
+// The native sweep's results become the logs the batch sweep would have left, and are read at once.
+void LanScan::OnSweepDone(const std::vector<size_t>& numbers,
+                          const std::vector<std::vector<ArpEntry>>& results) {
+  const fs::path folder = LogFolder(Method::Native);
+  try {
+    fs::create_directories(folder);
+    for (size_t k = 0; k < numbers.size() && k < results.size(); ++k) {
+      try {
+        WriteBytes(folder / ScanFile("p", numbers[k], ".log"), ArpLogText(results[k]));
+      } catch (const std::exception& e) {
+        reporter_.ReportEvent(kModule, kBuildLabel, Err::From(e));
+      }
+    }
+  } catch (const std::exception& e) {
+    reporter_.ReportEvent(kModule, kBuildLabel, Err::From(e));
+  }
+  ReadLogs(folder);
+}
+
+void LanScan::ARPTimer_Timer() {
+  fs::path folder;
+  try {
+    if (ProcessExists()) return;
+    folder = LogFolder(ScanMethod(false));
+  } catch (const std::exception& e) {
+    reporter_.WriteLog(kModule, kTimerLabel, Err::From(e));
+    return;
+  }
+  ReadLogs(folder);
+}
+
+bool LanScan::ProcessExists() const { return watched_.Running() || sweep_.Running(); }
+
+void LanScan::ReadLogs(const fs::path& folder) {
+  std::vector<std::string> subnets;
+  std::string ownIp;
+  try {
+    subnets = SubnetList(true);
+    ownIp = localIP_();
+  } catch (const std::exception& e) {
+    reporter_.WriteLog(kModule, kTimerLabel, Err::From(e));
+  }
+  // Every subnet read starts from an empty table (the settings keep them all); only this machine's own
+  // entry survives.
+  std::optional<KeyValuePair> own;
+  for (size_t i = 0; i < subnets.size(); ++i) {
+    DisableTimer();
+    if (const KeyValuePair* entry = table_.ARPTable.Find(ownIp)) own = *entry;
+    table_.ARPTable.RemoveAll();
+    ReadLog(folder / ScanFile("p", i, ".log"));
+  }
+  if (own && !table_.ARPTable.Exists(ownIp)) table_.ARPTable.Add(ownIp, *own);
+}
+
+void LanScan::ReadLog(const fs::path& file) {
+  std::string text;
+  try {
+    std::error_code ec;
+    if (!fs::exists(file, ec)) return;
+    text = ReadBytes(file);
+  } catch (const std::exception& e) {
+    reporter_.WriteLog(kModule, kTimerLabel, Err::From(e));
+    return;
+  }
+  for (const std::string& line : Lines(text)) {
+    // Static, broadcast and interface lines never say "dynamic".
+    if (line.find("dynamic") == std::string::npos) continue;
+    try {
+      AddArpLine(line);
+    } catch (const std::exception& e) {
+      reporter_.WriteLog(kModule, kTimerLabel, Err::From(e));
+    }
+  }
+}
+
+void LanScan::AddArpLine(const std::string& line) {
+  std::vector<std::string> words = Words(line);
+  if (words.size() < 2) {
+    reporter_.WriteLog(kModule, kTimerLabel, kShortArpLine);
+    return;
+  }
+  const std::string& ip = words[0];
+  if (table_.ARPTable.Exists(ip)) return;
+  std::string mac = UCase(words[1]);
+  table_.ARPTable.Add(ip, KeyValuePair{ip, mac});
+  hs_.SaveIniSetting("ARP", ip, mac, kIniFile);
+}
+
+void LanScan::WatchProcess(platform::Process process) { watched_ = std::move(process); }
+
+void LanScan::Stop() {
+  DisableTimer();
+  sweep_.Cancel();
+  watched_ = platform::Process();
+}
+
+void LanScan::EnableTimer() {
+  timerEnabled_ = true;
+  ArmTimer();
+}
+
+void LanScan::DisableTimer() {
+  timerEnabled_ = false;
+  ++timerGeneration_;
+  timer_.cancel();
+}
+
+// Each arming gets a generation, so a tick already queued when the timer was switched off or re-armed
+// is dropped.
+void LanScan::ArmTimer() {
+  const unsigned generation = ++timerGeneration_;
+  timer_.expires_after(kTimerPeriod);
+  std::weak_ptr<int> alive = alive_;
+  timer_.async_wait([this, alive, generation](const std::error_code& ec) {
+    if (alive.expired() || ec) return;
+    if (!timerEnabled_ || generation != timerGeneration_) return;
+    ARPTimer_Timer();
+    if (timerEnabled_ && generation == timerGeneration_) ArmTimer();
+  });
+}
+
+}  // namespace tavrel

@@ -1,0 +1,94 @@
+#pragma once
+
+#include <asio/io_context.hpp>
+#include <asio/steady_timer.hpp>
+#include <chrono>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "core/ComputerTable.h"
+#include "core/Reporter.h"
+#include "lan/NativeSweep.h"
+#include "platform/Process.h"
+#include "settings/Hs.h"
+#include "xap/XapGlobal.h"
+
+namespace tavrel {
+
+// The three batch files of one subnet's CMD.EXE sweep, each ending in CR LF: "p<i>.bat" pings one host
+// and prints its ARP entry, "p2<i>.bat" runs it for hosts 1-254, "p3<i>.bat" runs that into "p<i>.log".
+struct BatchFiles {
+  std::string p, p2, p3;
+};
+BatchFiles MakeBatchFiles(int i, const std::string& subnet, const std::string& tempFolder);
+
+// The batch sweep's folder: the drive of the home path and "Temp" ("C:\Temp" for a home on C:).
+std::string BatchTempFolder(const std::string& home);
+
+// The LAN scan: sends the presence query, sweeps every configured subnet (through batch files under
+// CMD.EXE, or the native sweep) and, once the sweep is over, reads the "p<i>.log" files into ARPTable and
+// section "ARP" of the settings. All of it runs on the io_context and never blocks it.
+class LanScan {
+ public:
+  LanScan(asio::io_context& io, ComputerTable& table, Hs& hs, XapGlobal& xap, Reporter& reporter,
+          std::function<std::string()> localIP, std::filesystem::path home);
+  ~LanScan();
+  LanScan(const LanScan&) = delete;
+  LanScan& operator=(const LanScan&) = delete;
+
+  // Asks every agent to announce itself, then starts a sweep.
+  void QueryLAN();
+  // Starts the sweep of every subnet of the list and arms ARPTimer.
+  void BuildARPTable();
+  // The ARPTimer tick: once the sweep is over, reads its logs (and switches the timer off).
+  void ARPTimer_Timer();
+  // True while the sweep last started still runs.
+  bool ProcessExists() const;
+  bool ARPTimerEnabled() const { return timerEnabled_; }
+  // At exit: cancels the timer and a running native sweep. A batch interpreter runs on by itself; no
+  // file is touched.
+  void Stop();
+
+  // Makes process the watched sweep process, as the batch sweep does with the interpreter it starts.
+  void WatchProcess(platform::Process process);
+
+  static constexpr std::chrono::seconds kTimerPeriod{30};
+
+ private:
+  enum class Method { Batch, Native };
+
+  std::vector<std::string> SubnetList(bool forTimer) const;
+  Method ScanMethod(bool logFallback) const;
+  std::filesystem::path LogFolder(Method method) const;
+
+  void StartBatchSweep(int i, const std::string& subnet);
+  void StartNativeSweep(const std::vector<std::string>& subnets);
+  void OnSweepDone(const std::vector<size_t>& numbers, const std::vector<std::vector<ArpEntry>>& results);
+  void ReadLogs(const std::filesystem::path& folder);
+  void ReadLog(const std::filesystem::path& file);
+  void AddArpLine(const std::string& line);
+
+  void EnableTimer();
+  void DisableTimer();
+  void ArmTimer();
+
+  ComputerTable& table_;
+  Hs& hs_;
+  XapGlobal& xap_;
+  Reporter& reporter_;
+  std::function<std::string()> localIP_;
+  std::filesystem::path home_;
+
+  asio::steady_timer timer_;
+  bool timerEnabled_ = false;
+  unsigned timerGeneration_ = 0;
+  NativeSweep sweep_;
+  platform::Process watched_;
+  // Handlers queued on the loop hold a weak reference, so none of them runs into a destroyed scan.
+  std::shared_ptr<int> alive_ = std::make_shared<int>(0);
+};
+
+}  // namespace tavrel
