@@ -1,0 +1,30 @@
+#pragma once
+
+#include <filesystem>
+#include <string>
+
+#include "core/Reporter.h"
+#include "settings/Hs.h"
+
+namespace tavrel {
+
+// The settings file of the xAP interface, in the Config folder.
+inline constexpr std::string_view kXapIniFile = "zelXap.ini";
+
+// What the program learns before it starts the xAP transport.
+struct XapStartup {
+  std::string LocalComputerName;
+  std::filesystem::path AppPath;
+  std::string ExecutablePath;
+  std::string InterfaceAddress = "Default";
+  std::string BroadcastAddress = "Default";
+  // The xAP port to send to and to listen on first.
+  int Port = 3639;
+};
+
+// Reads this machine's name and the program's paths, makes sure the Config and Data folders exist and
+// reads section "Interface" of zelXap.ini. Failures are logged as "InitXap"; every value not read keeps
+// its default.
+XapStartup InitXap(const std::filesystem::path& home, Hs& hs, Reporter& reporter);
+
+}  // namespace tavrel
