@@ -4,11 +4,8 @@
 #include <stdexcept>
 #include <system_error>
 
-#include <asio/io_context.hpp>
-#include <asio/ip/address_v4.hpp>
-#include <asio/ip/udp.hpp>
-
 #include "core/Text.h"
+#include "lan/UdpBroadcast.h"
 
 namespace tavrel {
 
@@ -91,18 +88,10 @@ bool SendWOL(const std::string& mac, const std::string& ip, Reporter& reporter) 
   std::vector<unsigned char> packet = MagicPacket(Replace(mac, "-", ""));
   std::string broadcast = WolBroadcast(ip);
 
-  asio::io_context io;
-  asio::ip::udp::socket socket(io);
-  std::error_code ec;
-  socket.open(asio::ip::udp::v4(), ec);
-  if (!ec) socket.set_option(asio::socket_base::broadcast(true), ec);
-  if (!ec) {
-    asio::ip::udp::endpoint to(asio::ip::make_address_v4(broadcast, ec), kWolPort);
-    if (!ec) socket.send_to(asio::buffer(packet), to, 0, ec);
-  }
+  std::error_code ec = SendUdpBroadcast(broadcast, kWolPort, packet);
   if (ec) {
     reporter.ReportEvent(kModule, "SendWOL",
-                         Err::Of("sending to " + broadcast + ": " + ec.message(), ec.value() != 0 ? ec.value() : 5));
+                         Err::Of("sending to " + broadcast + ": " + ec.message(), ec.value()));
     return false;
   }
   return true;
