@@ -34,19 +34,19 @@ std::vector<std::string> SplitAddress(std::string_view address) { return Split(L
 
 void XapMessage::AddHeader(std::string_view headerPrefix) {
   try {
-    output_.Append(headerPrefix);
-    output_.Append("class=");
-    output_.Append(msgClass);
-    output_.Append("\n");
-    output_.Append("source=");
-    output_.Append(msgSource);
-    output_.Append("\n");
+    output_.append(headerPrefix);
+    output_.append("class=");
+    output_.append(msgClass);
+    output_.append("\n");
+    output_.append("source=");
+    output_.append(msgSource);
+    output_.append("\n");
     if (!msgTarget.empty()) {
-      output_.Append("target=");
-      output_.Append(msgTarget);
-      output_.Append("\n");
+      output_.append("target=");
+      output_.append(msgTarget);
+      output_.append("\n");
     }
-    output_.Append("}\n");
+    output_.append("}\n");
     blockOpen_ = false;
   } catch (const std::exception& e) {
     if (reporter_ != nullptr) reporter_->WriteLog(kModule, "Message AddHeader", Err::From(e));
@@ -54,22 +54,22 @@ void XapMessage::AddHeader(std::string_view headerPrefix) {
 }
 
 void XapMessage::AddSection(std::string_view name) {
-  if (blockOpen_) output_.Append("}\n");
-  output_.Append(name);
-  output_.Append("\n{\n");
+  if (blockOpen_) output_.append("}\n");
+  output_.append(name);
+  output_.append("\n{\n");
   blockOpen_ = true;
 }
 
 void XapMessage::AddItem(std::string_view key, std::string_view value) {
-  output_.Append(key);
-  output_.Append("=");
-  output_.Append(value);
-  output_.Append("\n");
+  output_.append(key);
+  output_.append("=");
+  output_.append(value);
+  output_.append("\n");
 }
 
-std::string XapMessage::ToXap() const { return output_.ToString() + "}\n"; }
+std::string XapMessage::ToXap() const { return output_ + "}\n"; }
 
-void XapMessage::ClearText() { output_.Reset(); }
+void XapMessage::ClearText() { output_.clear(); }
 
 // Parsing goes on after a duplicate block name or key: the first block or line keeps the name, and the
 // rest of the message is still read. Only the first failure of a text is logged, so a hostile datagram

@@ -4,7 +4,6 @@
 #include <string_view>
 #include <vector>
 
-#include "core/FastString.h"
 #include "core/OrderedDict.h"
 #include "core/Reporter.h"
 
@@ -51,7 +50,8 @@ class XapMessage {
 
  private:
   Reporter* reporter_;
-  FastString output_;
+  // A plain string: appends are amortised and ToXap copies once, without the part list of FastString.
+  std::string output_;
   bool blockOpen_ = false;
   std::vector<OrderedDict<std::string>> blocks_;
   OrderedDict<int> blockIndex_;
