@@ -15,4 +15,6 @@ else()
   find_package(Threads REQUIRED)
   target_link_libraries(asio INTERFACE Threads::Threads)
 endif()
-target_compile_definitions(asio INTERFACE ASIO_STANDALONE ASIO_NO_DEPRECATED)
+# Asio picks its handler allocator by whether libstdc++ was seen before its own headers; pin it, so every
+# translation unit allocates and frees the same way (ASan reports the mix as alloc-dealloc-mismatch).
+target_compile_definitions(asio INTERFACE ASIO_STANDALONE ASIO_NO_DEPRECATED ASIO_DISABLE_STD_ALIGNED_ALLOC)
