@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <iosfwd>
 #include <memory>
@@ -9,6 +10,7 @@
 #include <asio/io_context.hpp>
 
 #include "core/Reporter.h"
+#include "platform/Neighbours.h"
 
 namespace tavrel {
 
@@ -28,7 +30,19 @@ class NativeSweep {
   // Results per subnet, in the order the subnets were given.
   using Done = std::function<void(const std::vector<std::vector<ArpEntry>>& perSubnet)>;
 
+  // How long a sweep waits: silent addresses are probed again at RetryAfter, and the sweep ends at
+  // Deadline, both counted from Start.
+  struct Timing {
+    std::chrono::milliseconds RetryAfter;
+    std::chrono::milliseconds Deadline;
+  };
+  static const Timing kTiming;
+  using ProbeOpener =
+      std::function<std::shared_ptr<platform::NeighbourProbe>(asio::io_context&, std::error_code&)>;
+
   NativeSweep(asio::io_context& io, Reporter& reporter);
+  // With another way to reach the link and other timing (tests).
+  NativeSweep(asio::io_context& io, Reporter& reporter, ProbeOpener opener, Timing timing);
   ~NativeSweep();
   NativeSweep(const NativeSweep&) = delete;
   NativeSweep& operator=(const NativeSweep&) = delete;
