@@ -32,11 +32,13 @@ void FromXapAndGetItem(benchmark::State& state) {
 BENCHMARK(FromXapAndGetItem);
 
 // The value of key in block, found by splitting the lines and scanning them.
-std::string FindValue(const std::vector<std::string_view>& lines, std::string_view block, std::string_view key) {
+std::string FindValue(const std::vector<std::string_view>& lines, std::string_view block,
+                      std::string_view key) {
   for (size_t i = 0; i + 1 < lines.size(); ++i) {
     if (lines[i] != "}" || lines[i + 1] != block) continue;
     for (size_t j = i + 2; j < lines.size() && lines[j] != "}"; ++j) {
-      if (lines[j].size() > key.size() && lines[j].substr(0, key.size()) == key && lines[j][key.size()] == '=') {
+      if (lines[j].size() > key.size() && lines[j].substr(0, key.size()) == key &&
+          lines[j][key.size()] == '=') {
         return std::string(lines[j].substr(key.size() + 1));
       }
     }

@@ -149,7 +149,9 @@ const OrderedDict<std::string>* XapMessage::msgCollection(int index) const {
   return &blocks_[static_cast<size_t>(index)];
 }
 
-bool XapMessage::CompareClass(std::string_view className) const { return LCase(className) == LCase(msgClass); }
+bool XapMessage::CompareClass(std::string_view className) const {
+  return LCase(className) == LCase(msgClass);
+}
 
 bool XapMessage::CompareSource(std::string_view pattern) const { return CompareAddress(pattern, msgSource); }
 

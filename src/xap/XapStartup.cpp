@@ -46,9 +46,10 @@ XapStartup InitXap(const std::filesystem::path& home, Hs& hs, Reporter& reporter
     if (ParseInt(Trim(port), 1, 65535, value)) {
       startup.Port = static_cast<int>(value);
     } else {
-      reporter.WriteLog(kModule, "InitXap",
-                        Err::Of("Port \"" + port + "\" is no port number; " + std::string(kDefaultPort) + " used",
-                                kTypeMismatch));
+      reporter.WriteLog(
+          kModule, "InitXap",
+          Err::Of("Port \"" + port + "\" is no port number; " + std::string(kDefaultPort) + " used",
+                  kTypeMismatch));
     }
   });
   return startup;

@@ -22,7 +22,9 @@ constexpr auto kOversizeLogWindow = std::chrono::seconds(60);
 Err SocketErr(const std::error_code& ec) { return Err{ec.value(), ec.message(), 0}; }
 
 // What the socket control said when asked to send while closed.
-Err NotOpenErr() { return Err{40006, "Wrong protocol or connection state for the requested transaction or request", 0}; }
+Err NotOpenErr() {
+  return Err{40006, "Wrong protocol or connection state for the requested transaction or request", 0};
+}
 
 bool IsDefault(std::string_view setting) { return setting.empty() || EqualsNoCase(setting, "default"); }
 
@@ -60,10 +62,9 @@ void XapTransport::RebuildTexts() {
   headerPrefix_ = "xap-header\n{\nv=12\nhop=1\nuid=" + xapUID_ + "\n";
   // The heartbeat comes from a template with "|" for the line feed; every "|" becomes one, those in
   // the UID and the source included.
-  heartbeatText_ =
-      Replace("xap-hbeat|{|v=12|hop=1|uid=" + xapUID_ + "|class=xap-hbeat.alive|source=" + xapSource_ +
-                  "|interval=",
-              "|", "\n");
+  heartbeatText_ = Replace(
+      "xap-hbeat|{|v=12|hop=1|uid=" + xapUID_ + "|class=xap-hbeat.alive|source=" + xapSource_ + "|interval=",
+      "|", "\n");
 }
 
 long XapTransport::Init() {
@@ -179,12 +180,12 @@ void XapTransport::StartHeartbeatTimer() {
 }
 
 void XapTransport::WaitHeartbeat() {
-  heartbeatTimer_.async_wait(
-      [this, generation = heartbeatGeneration_, alive = std::weak_ptr<int>(alive_)](const std::error_code& ec) {
-        // A wait that was replaced may still complete without an error; its generation tells.
-        if (ec || alive.expired() || generation != heartbeatGeneration_) return;
-        OnHeartbeatTick();
-      });
+  heartbeatTimer_.async_wait([this, generation = heartbeatGeneration_,
+                              alive = std::weak_ptr<int>(alive_)](const std::error_code& ec) {
+    // A wait that was replaced may still complete without an error; its generation tells.
+    if (ec || alive.expired() || generation != heartbeatGeneration_) return;
+    OnHeartbeatTick();
+  });
 }
 
 void XapTransport::OnHeartbeatTick() {
@@ -215,11 +216,10 @@ void XapTransport::ArmReceiveTimer() {
   receiveTimerArmed_ = true;
   const unsigned generation = ++receiveGeneration_;
   receiveTimer_.expires_after(kReceiveDelay);
-  receiveTimer_.async_wait(
-      [this, generation, alive = std::weak_ptr<int>(alive_)](const std::error_code& ec) {
-        if (ec || alive.expired() || generation != receiveGeneration_) return;
-        OnReceiveTimer();
-      });
+  receiveTimer_.async_wait([this, generation, alive = std::weak_ptr<int>(alive_)](const std::error_code& ec) {
+    if (ec || alive.expired() || generation != receiveGeneration_) return;
+    OnReceiveTimer();
+  });
 }
 
 void XapTransport::OnReceiveTimer() {

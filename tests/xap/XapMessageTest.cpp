@@ -41,7 +41,8 @@ TEST(XapMessageBuild, EmptyTargetWritesNoTargetLineAndHeaderOnlyEndsWithTwoBrace
   m.msgSource = "zel.WOL.host";
   m.msgTarget = "";
   m.AddHeader(kPrefix);
-  EXPECT_EQ(m.ToXap(), "xap-header\n{\nv=12\nhop=1\nuid=FF001500\nclass=Homeseer.Event\nsource=zel.WOL.host\n}\n}\n");
+  EXPECT_EQ(m.ToXap(),
+            "xap-header\n{\nv=12\nhop=1\nuid=FF001500\nclass=Homeseer.Event\nsource=zel.WOL.host\n}\n}\n");
 
   // Without a set target the default "Unknown" is written.
   XapMessage d;
@@ -194,11 +195,24 @@ TEST(XapMessageCompare, AddressWildcards) {
     const char* b;
     bool match;
   } cases[] = {
-      {"a.b.c", "A.*.C", true}, {"a.b", "a.b.c", false}, {"a.>", "a.b.c", true}, {">", "x", true},
-      {"a.b.c", "a.b", false},  {"", "*", false},        {"*", "", false},       {"a", "a.b", false},
-      {"a.b.c", "a.>", true},   {"a.*", "a.b.c", false}, {"a.>", "a", false},    {"a.b.>", "a.b", false},
-      {"*.*.pc7", "zel.wol.PC7", true}, {"x.y.z:a", "x.y.*", true}, {"x.y.z:a", "x.y.z", false},
-      {"a.b", "a.c", false},    {"a..b", "a.*.b", true}, {"a.", "a.>", true},
+      {"a.b.c", "A.*.C", true},
+      {"a.b", "a.b.c", false},
+      {"a.>", "a.b.c", true},
+      {">", "x", true},
+      {"a.b.c", "a.b", false},
+      {"", "*", false},
+      {"*", "", false},
+      {"a", "a.b", false},
+      {"a.b.c", "a.>", true},
+      {"a.*", "a.b.c", false},
+      {"a.>", "a", false},
+      {"a.b.>", "a.b", false},
+      {"*.*.pc7", "zel.wol.PC7", true},
+      {"x.y.z:a", "x.y.*", true},
+      {"x.y.z:a", "x.y.z", false},
+      {"a.b", "a.c", false},
+      {"a..b", "a.*.b", true},
+      {"a.", "a.>", true},
   };
   for (const auto& c : cases) {
     EXPECT_EQ(m.CompareAddress(c.a, c.b), c.match) << c.a << " vs " << c.b;

@@ -228,7 +228,10 @@ TEST_F(TransportTest, SendWritesOneBlockFromTheBody) {
             "Event.Log\n{\nTime=2026-11-22 10:00:00\nData=x=y\n}\n");
 
   // Pieces without character 1 are skipped; the target gets its line.
-  xap_.Send("*.*.pc7", "Computer.Process", "Computer.Query", std::string("a\0b\x01" "2", 5));
+  xap_.Send("*.*.pc7", "Computer.Process", "Computer.Query",
+            std::string("a\0b\x01"
+                        "2",
+                        5));
   EXPECT_EQ(Receive(),
             "xap-header\n{\nv=12\nhop=1\nuid=FF001500\nclass=Computer.Process\nsource=zel.WOL.host\n"
             "target=*.*.pc7\n}\nComputer.Query\n{\nb=2\n}\n");
