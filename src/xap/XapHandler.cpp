@@ -58,9 +58,8 @@ void XapHandler::LearnSender(const std::string& text, size_t& i, size_t& j) {
   size_t lineEnd = text.find('\n', start);
   j = lineEnd == std::string::npos ? 0 : lineEnd + 1;
 
-  std::string address = LCase(std::string_view(text).substr(start, lineEnd == std::string::npos
-                                                                       ? std::string::npos
-                                                                       : lineEnd - start));
+  std::string address = LCase(std::string_view(text).substr(
+      start, lineEnd == std::string::npos ? std::string::npos : lineEnd - start));
   address = std::string(Before(address, ":"));
   std::string name = NameAfterLastDot(address);
   if (name.empty()) return;
@@ -132,8 +131,8 @@ void XapHandler::HandleTimeToday(const XapMessage& msg) {
 void XapHandler::ReportFailure(const std::string& text, size_t i, size_t j, const Err& err) {
   try {
     ctx_.reporter.ReportEvent(
-        kModule, "Readmessage i=" + std::to_string(i) + ",j=" + std::to_string(j) + ", " + DiagnosticText(text),
-        err);
+        kModule,
+        "Readmessage i=" + std::to_string(i) + ",j=" + std::to_string(j) + ", " + DiagnosticText(text), err);
   } catch (...) {
     // Reporting is the last resort; the message is dropped either way.
   }

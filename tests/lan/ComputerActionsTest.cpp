@@ -1,5 +1,3 @@
-#include "lan/ComputerActions.h"
-
 #include <gtest/gtest.h>
 
 #include <stdexcept>
@@ -7,6 +5,7 @@
 #include <vector>
 
 #include "TestSupport.h"
+#include "lan/ComputerActions.h"
 
 namespace tavrel {
 namespace {
@@ -30,15 +29,16 @@ TEST(MagicPacket, SixFFThenTheMacSixteenTimes) {
     ASSERT_EQ(packet.size(), 102u);
     for (size_t k = 0; k < 6; ++k) EXPECT_EQ(packet[k], 0xFF) << k;
     for (size_t copy = 0; copy < 16; ++copy) {
-      EXPECT_EQ(std::vector<unsigned char>(packet.begin() + 6 + 6 * copy, packet.begin() + 12 + 6 * copy), mac)
+      EXPECT_EQ(std::vector<unsigned char>(packet.begin() + 6 + 6 * copy, packet.begin() + 12 + 6 * copy),
+                mac)
           << "copy " << copy;
     }
   }
 }
 
 TEST(MagicPacket, RejectsAnythingButTwelveHexDigits) {
-  for (const std::string text :
-       {"", "001A2BC3D4F", "001A2BC3D4FE0", "00-1A-2B-C3-D4-FE", "00:1A:2B:C3:D4:FE", "001A2BC3D4FG", " 01A2BC3D4FE"}) {
+  for (const std::string text : {"", "001A2BC3D4F", "001A2BC3D4FE0", "00-1A-2B-C3-D4-FE", "00:1A:2B:C3:D4:FE",
+                                 "001A2BC3D4FG", " 01A2BC3D4FE"}) {
     SCOPED_TRACE(text);
     EXPECT_FALSE(IsMac12(text));
     EXPECT_THROW(MagicPacket(text), std::invalid_argument);
@@ -55,9 +55,9 @@ TEST(WolBroadcast, LastOctetBecomes255) {
 }
 
 TEST(WolBroadcast, EmptyForAnythingButDottedIPv4) {
-  for (const std::string ip : {"", "198.51.100", "198.51.100.7.1", "198.51.100.256", "198.51..7", "198.51.100.",
-                               "a.b.c.d", " 198.51.100.7", "198.51.100.7 ", "198.51.100.-7", "198.51.100.+7",
-                               "198.51.100.0007", "::1", "host1"}) {
+  for (const std::string ip : {"", "198.51.100", "198.51.100.7.1", "198.51.100.256", "198.51..7",
+                               "198.51.100.", "a.b.c.d", " 198.51.100.7", "198.51.100.7 ", "198.51.100.-7",
+                               "198.51.100.+7", "198.51.100.0007", "::1", "host1"}) {
     SCOPED_TRACE(ip);
     EXPECT_EQ(WolBroadcast(ip), "");
   }
@@ -105,10 +105,10 @@ TEST(SendComputerControl, SendsTheActionToTheComputerAsItIsNamed) {
   SendComputerControl("Office PC", "Reboot", xap);
   SendComputerControl("pc7", "Shutdown", xap);
   ASSERT_EQ(transport.sent.size(), 2u);
-  EXPECT_EQ(transport.sent[0], (XapQueuedMessage{"*.*.Office PC", "Computer.Process", "Computer.Control",
-                                                 "Action\001Reboot"}));
-  EXPECT_EQ(transport.sent[1], (XapQueuedMessage{"*.*.pc7", "Computer.Process", "Computer.Control",
-                                                 "Action\001Shutdown"}));
+  EXPECT_EQ(transport.sent[0],
+            (XapQueuedMessage{"*.*.Office PC", "Computer.Process", "Computer.Control", "Action\001Reboot"}));
+  EXPECT_EQ(transport.sent[1],
+            (XapQueuedMessage{"*.*.pc7", "Computer.Process", "Computer.Control", "Action\001Shutdown"}));
 }
 
 }  // namespace
