@@ -1,0 +1,267 @@
+#include "settings/IniTool.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <fstream>
+#include <system_error>
+#include <utility>
+
+#include "core/Folders.h"
+#include "core/Text.h"
+#include "platform/LineEnd.h"
+#include "settings/SectionPattern.h"
+
+namespace fs = std::filesystem;
+
+namespace tavrel {
+
+namespace {
+
+constexpr char kSeparator = '~';
+
+std::string ValueKey(std::string_view section, std::string_view key) {
+  std::string k = UCase(section);
+  k += kSeparator;
+  k += UCase(key);
+  return k;
+}
+
+// A section entry holds the name as written under its upper-case form.
+bool IsSectionEntry(const std::string& key, const std::string& item) {
+  if (key.size() != item.size()) return false;
+  for (size_t i = 0; i < key.size(); ++i) {
+    if (ToUpperAscii(item[i]) != key[i]) return false;
+  }
+  return true;
+}
+
+// One line without its end: blanks at both ends go, and so do carriage returns before the end, so that
+// "\r\n" files read like "\n" files and a saved file reads back exactly as it was written.
+std::string_view CleanLine(std::string_view line) {
+  size_t end = line.find_last_not_of(" \r");
+  if (end == std::string_view::npos) return {};
+  size_t begin = line.find_first_not_of(' ');
+  return line.substr(begin, end - begin + 1);
+}
+
+Err FileError(const std::error_code& ec) { return Err::Of(ec.message(), ec.value() != 0 ? ec.value() : 75); }
+
+// The error of a failed stream operation: errno when the runtime set it.
+Err StreamError(int savedErrno) {
+  if (savedErrno == 0) return Err::Of("Path/File access error", 75);
+  return FileError(std::error_code(savedErrno, std::generic_category()));
+}
+
+std::string ReadWholeFile(const fs::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) throw std::system_error(errno, std::generic_category(), "cannot open the file");
+  std::string text;
+  in.seekg(0, std::ios::end);
+  auto size = in.tellg();
+  in.seekg(0, std::ios::beg);
+  if (size > 0) {
+    text.resize(static_cast<size_t>(size));
+    in.read(text.data(), size);
+    text.resize(static_cast<size_t>(in.gcount()));
+  }
+  return text;
+}
+
+struct Row {
+  std::string_view header;
+  std::string_view key;
+  const std::string* item;
+};
+
+bool RowLess(const Row& a, const Row& b) {
+  int byHeader = CompareNoCase(a.header, b.header);
+  if (byHeader != 0) return byHeader < 0;
+  return CompareNoCase(a.key, b.key) < 0;
+}
+
+void TakeLine(std::string_view line, std::string& sectionKey, OrderedDict<std::string>& table,
+              Reporter& reporter) {
+  if (line.empty() || line.front() == ';') return;
+  if (line.size() >= 2 && line.front() == '[' && line.back() == ']') {
+    std::string_view name = line.substr(1, line.size() - 2);
+    sectionKey = UCase(name);
+    table.Add(sectionKey, std::string(name));  // the first header of a name wins
+    return;
+  }
+  size_t equal = line.find('=');
+  if (equal == std::string_view::npos) {
+    reporter.ReportEvent("IniTool", " Equal sign not found on line " + std::string(line));
+    return;
+  }
+  std::string key = sectionKey;
+  key += kSeparator;
+  key += UCase(line.substr(0, equal));
+  table.Add(key, std::string(line.substr(equal + 1)));  // the first of duplicate keys wins
+}
+
+// The file text of the table: every entry whose key holds the separator is a row (header before it, key
+// after it), sorted by header and then key without regard to case; a header line opens each new header.
+// The rows of the section "" come first and need no header line.
+std::string Render(const OrderedDict<std::string>& table) {
+  std::vector<Row> rows;
+  rows.reserve(table.Count());
+  size_t length = 0;
+  for (const auto& entry : table) {
+    size_t at = entry.key.find(kSeparator);
+    if (at == std::string::npos) continue;
+    std::string_view key(entry.key);
+    rows.push_back(Row{key.substr(0, at), key.substr(at + 1), &entry.value});
+    length += entry.key.size() + entry.value.size() + 8;
+  }
+  std::stable_sort(rows.begin(), rows.end(), RowLess);
+
+  std::string text;
+  text.reserve(length);
+  std::string_view previous;
+  for (const auto& row : rows) {
+    if (row.header != previous) {
+      text += '[';
+      text += row.header;
+      text += ']';
+      text += platform::kLineEnd;
+      previous = row.header;
+    }
+    text += row.key;
+    text += '=';
+    text += *row.item;
+    text += platform::kLineEnd;
+  }
+  return text;
+}
+
+void BackUp(const fs::path& fileName, Reporter& reporter) {
+  std::error_code ec;
+  if (!fs::exists(fileName, ec)) return;
+  fs::path backup = fileName;
+  backup += "_bck";
+  fs::copy_file(fileName, backup, fs::copy_options::overwrite_existing, ec);
+  if (ec) reporter.WriteLog(kModule, "IniTool Save ", FileError(ec));
+}
+
+// Writes the text beside the file and renames it over the file, so the file is always either the old
+// or the new text. When the text cannot be written whole, the old file stays.
+void WriteReplacing(const fs::path& fileName, const std::string& text, Reporter& reporter) {
+  fs::path temp = fileName;
+  temp += ".tmp";
+  std::error_code ec;
+  {
+    errno = 0;
+    std::ofstream out(temp, std::ios::binary | std::ios::trunc);
+    if (out) out.write(text.data(), static_cast<std::streamsize>(text.size()));
+    if (out) out.flush();
+    if (!out) {
+      reporter.WriteLog(kModule, "IniTool Save ", StreamError(errno));
+      out.close();
+      if (fs::is_regular_file(temp, ec)) fs::remove(temp, ec);
+      return;
+    }
+  }
+  fs::rename(temp, fileName, ec);
+  if (ec) {
+    reporter.WriteLog(kModule, "IniTool Save ", FileError(ec));
+    fs::remove(temp, ec);
+  }
+}
+
+void Parse(std::string_view text, OrderedDict<std::string>& table, Reporter& reporter) {
+  std::string sectionKey;  // lines before the first header belong to the section ""
+  size_t pos = 0;
+  while (pos < text.size()) {
+    size_t newline = text.find('\n', pos);
+    size_t end = newline == std::string_view::npos ? text.size() : newline;
+    TakeLine(CleanLine(text.substr(pos, end - pos)), sectionKey, table, reporter);
+    pos = end + 1;
+  }
+}
+
+}  // namespace
+
+void IniTool::Load(const fs::path& fileName) {
+  fileName_ = fileName;
+  table_.RemoveAll();
+  try {
+    std::error_code ec;
+    auto status = fs::status(fileName, ec);
+    if (!fs::exists(status)) {
+      CreateFolders(fileName.string(), reporter_);
+      std::ofstream create(fileName, std::ios::binary);
+      return;
+    }
+    // Anything but a plain file (a folder, a pipe) reads as empty instead of blocking or failing later.
+    if (!fs::is_regular_file(status)) {
+      reporter_.WriteLog(kModule, "IniTool Load ", Err::Of("Path/File access error", 75));
+      return;
+    }
+    Parse(ReadWholeFile(fileName), table_, reporter_);
+  } catch (const std::exception& e) {
+    reporter_.WriteLog(kModule, "IniTool Load ", Err::From(e));
+  }
+}
+
+std::string IniTool::Read(std::string_view section, std::string_view key,
+                          std::string_view defaultValue) const {
+  const std::string* item = table_.Find(ValueKey(section, key));
+  if (item == nullptr || item->empty()) return std::string(defaultValue);
+  return *item;
+}
+
+void IniTool::WriteKey(std::string_view section, std::string_view key, std::string_view value) {
+  std::string sectionKey = UCase(section);
+  if (!table_.Exists(sectionKey)) table_.Add(sectionKey, std::string(section));
+  table_[ValueKey(section, key)] = std::string(value);
+}
+
+void IniTool::Remove(std::string_view section, std::string_view key) {
+  table_.Remove(ValueKey(section, key));
+}
+
+void IniTool::RemoveSection(std::string_view section) {
+  for (const auto& key : Keys(section)) Remove(section, key);
+}
+
+std::vector<std::string> IniTool::Sections() const {
+  // Joined and split at the separator, as the names are handed on: a name holding "~" comes out in pieces.
+  std::string joined;
+  bool any = false;
+  for (const auto& entry : table_) {
+    if (!IsSectionEntry(entry.key, entry.value)) continue;
+    if (any) joined += kSeparator;
+    joined += entry.value;
+    any = true;
+  }
+  if (!any) return {};
+  return Split(joined, std::string_view(&kSeparator, 1));
+}
+
+std::vector<std::string> IniTool::Keys(std::string_view section) const {
+  const SectionPattern pattern(section);
+  std::string joined;
+  for (const auto& entry : table_) {
+    if (!pattern.Matches(entry.key)) continue;
+    std::string name = Trim(After(entry.key, std::string_view(&kSeparator, 1)));
+    if (name.empty()) continue;
+    joined += name;
+    joined += kSeparator;
+  }
+  if (!joined.empty()) joined.pop_back();
+  auto names = Split(joined, std::string_view(&kSeparator, 1));
+  if (names.empty()) names.emplace_back();
+  return names;
+}
+
+void IniTool::Save() {
+  try {
+    std::string text = Render(table_);
+    BackUp(fileName_, reporter_);
+    WriteReplacing(fileName_, text, reporter_);
+  } catch (const std::exception& e) {
+    reporter_.WriteLog(kModule, "IniTool Save ", Err::From(e));
+  }
+}
+
+}  // namespace tavrel
