@@ -1,19 +1,107 @@
+// tavrel: the service, and two small tools on the same binary (wake, scan).
+#include <csignal>
 #include <cstdio>
-#include <cstring>
+#include <functional>
+#include <iostream>
+#include <string>
+#include <vector>
+
+#include <asio/io_context.hpp>
+#include <asio/signal_set.hpp>
 
 #include "Version.h"
+#include "app/CommandLine.h"
+#include "app/Tavrel.h"
+#include "lan/ComputerActions.h"
+#include "lan/NativeSweep.h"
+#include "platform/Host.h"
+
+namespace {
+
+using namespace tavrel;
+
+// The tools have no home folder: their reports go to standard error.
+class ConsoleReporter final : public Reporter {
+ public:
+  using Reporter::ReportEvent;
+  using Reporter::WriteLog;
+  void WriteLog(std::string_view module, std::string_view text, const Err& err) override {
+    Print(module, text, err);
+  }
+  void ReportEvent(std::string_view module, std::string_view text, const Err& err) override {
+    Print(module, text, err);
+  }
+
+ private:
+  static void Print(std::string_view module, std::string_view text, const Err& err) {
+    std::cerr << "tavrel: " << module << " " << text;
+    if (err.IsSet()) std::cerr << ": " << err.Description;
+    std::cerr << "\n";
+  }
+};
+
+int Wake(const std::vector<std::string>& args) {
+  const std::string& mac = args[0];
+  std::string ip = args.size() > 1 ? args[1] : platform::PrimaryIPv4();
+  if (ip.empty()) {
+    std::cerr << "tavrel: wake: no IP address given and no network adapter found to derive one\n";
+    return 2;
+  }
+  if (std::string problem = WolInputError(mac, ip); !problem.empty()) {
+    std::cerr << "tavrel: wake: " << problem << "\n";
+    return 2;
+  }
+  ConsoleReporter reporter;
+  return SendWOL(mac, ip, reporter) ? 0 : 1;
+}
+
+int RunService(const CommandLine& cmd) {
+  asio::io_context io;
+  SystemClock clock;
+  Tavrel app(io, ResolveHome(cmd), clock, Tavrel::Options{cmd.debug, cmd.noTray});
+  if (!app.form_load()) {
+    std::cerr << "tavrel: start-up failed; see " << app.Reports().FilePath().string() << "\n";
+    return 1;
+  }
+  asio::signal_set exitSignals(io, SIGINT, SIGTERM);
+  exitSignals.async_wait([&](const std::error_code& ec, int) {
+    if (!ec) app.MenuArray_Click(Tavrel::kExit);
+  });
+#ifdef SIGUSR1
+  // A service without a tray icon still offers the menu's "Query LAN".
+  asio::signal_set scanSignal(io, SIGUSR1);
+  std::function<void(const std::error_code&, int)> onScan = [&](const std::error_code& ec, int) {
+    if (ec) return;
+    app.MenuArray_Click(Tavrel::kQueryLan);
+    scanSignal.async_wait(onScan);
+  };
+  scanSignal.async_wait(onScan);
+#endif
+  io.run();
+  return 0;
+}
+
+}  // namespace
 
 int main(int argc, char** argv) {
-  for (int i = 1; i < argc; ++i) {
-    if (std::strcmp(argv[i], "--version") == 0) {
-      std::printf("tavrel %s\n", tavrel::kVersionText);
+  std::vector<std::string> args(argv + 1, argv + argc);
+  CommandLine cmd = ParseCommandLine(args);
+  switch (cmd.action) {
+    case CommandLine::Action::Version:
+      std::cout << "tavrel " << kVersionText << "\n";
       return 0;
-    }
-    if (std::strcmp(argv[i], "--help") == 0) {
-      std::printf("usage: tavrel [--version] [--help]\n");
+    case CommandLine::Action::Help:
+      std::cout << UsageText();
       return 0;
-    }
+    case CommandLine::Action::Error:
+      std::cerr << "tavrel: " << cmd.error << "\n" << UsageText();
+      return 2;
+    case CommandLine::Action::Wake:
+      return Wake(cmd.arguments);
+    case CommandLine::Action::Scan:
+      return ScanCommand(cmd.arguments, std::cout, std::cerr);
+    case CommandLine::Action::Run:
+      break;
   }
-  std::fprintf(stderr, "tavrel: the service is not built yet\n");
-  return 2;
+  return RunService(cmd);
 }

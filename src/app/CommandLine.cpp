@@ -1,0 +1,93 @@
+#include "app/CommandLine.h"
+
+#include <cstdlib>
+#include <fstream>
+#include <system_error>
+
+#include "platform/Host.h"
+
+namespace tavrel {
+
+namespace {
+CommandLine Fail(std::string message) {
+  CommandLine cmd;
+  cmd.action = CommandLine::Action::Error;
+  cmd.error = std::move(message);
+  return cmd;
+}
+
+bool IsWritableFolder(const std::filesystem::path& folder) {
+  std::error_code ec;
+  if (folder.empty() || !std::filesystem::is_directory(folder, ec)) return false;
+  auto probe = folder / ".tavrel-write-test";
+  {
+    std::ofstream out(probe, std::ios::binary | std::ios::trunc);
+    if (!out) return false;
+  }
+  std::filesystem::remove(probe, ec);
+  return true;
+}
+}  // namespace
+
+CommandLine ParseCommandLine(const std::vector<std::string>& args) {
+  CommandLine cmd;
+  size_t i = 0;
+  if (!args.empty() && (args[0] == "wake" || args[0] == "scan")) {
+    cmd.action = args[0] == "wake" ? CommandLine::Action::Wake : CommandLine::Action::Scan;
+    cmd.arguments.assign(args.begin() + 1, args.end());
+    if (cmd.action == CommandLine::Action::Wake && (cmd.arguments.empty() || cmd.arguments.size() > 2)) {
+      return Fail("wake takes a MAC address and, optionally, an IP address");
+    }
+    if (cmd.action == CommandLine::Action::Scan && cmd.arguments.empty()) {
+      return Fail("scan takes one or more subnets, such as 198.51.100");
+    }
+    return cmd;
+  }
+  for (; i < args.size(); ++i) {
+    const std::string& a = args[i];
+    if (a == "--version") {
+      cmd.action = CommandLine::Action::Version;
+    } else if (a == "--help" || a == "-h") {
+      cmd.action = CommandLine::Action::Help;
+    } else if (a == "--debug") {
+      cmd.debug = true;
+    } else if (a == "--no-tray") {
+      cmd.noTray = true;
+    } else if (a == "--home") {
+      if (i + 1 >= args.size() || args[i + 1].empty()) return Fail("--home needs a folder");
+      cmd.home = args[++i];
+    } else if (a.rfind("--home=", 0) == 0 && a.size() > 7) {
+      cmd.home = a.substr(7);
+    } else {
+      return Fail("unknown argument: " + a);
+    }
+  }
+  return cmd;
+}
+
+std::string UsageText() {
+  return "usage: tavrel [--home DIR] [--debug] [--no-tray]   run the service\n"
+         "       tavrel wake MAC [IP]                         send one Wake-on-LAN packet\n"
+         "       tavrel scan SUBNET...                        sweep subnets (a.b.c) and print IP and MAC\n"
+         "       tavrel --version | --help\n"
+         "\n"
+         "  --home DIR   the folder holding Config/, Data/, HTML/ and Scripts/ (else $TAVREL_HOME,\n"
+         "               else the program's folder if writable, else the per-user data folder)\n"
+         "  --debug      write the HTTP server's debug log\n"
+         "  --no-tray    do not put an icon into the notification area\n"
+         "\n"
+         "While running: SIGINT or SIGTERM exits (the tray menu's \"Exit\"), SIGUSR1 starts a LAN scan\n"
+         "(the tray menu's \"Query LAN\").\n";
+}
+
+std::filesystem::path ResolveHome(const CommandLine& cmd) {
+  if (!cmd.home.empty()) return std::filesystem::absolute(cmd.home);
+  if (const char* env = std::getenv("TAVREL_HOME"); env != nullptr && *env != '\0') {
+    return std::filesystem::absolute(env);
+  }
+  auto exeFolder = platform::ExecutablePath().parent_path();
+  if (IsWritableFolder(exeFolder)) return exeFolder;
+  return platform::UserDataFolder();
+}
+
+}  // namespace tavrel

@@ -1,0 +1,30 @@
+#pragma once
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+namespace tavrel {
+
+// What the command line asks for.
+struct CommandLine {
+  enum class Action { Run, Version, Help, Wake, Scan, Error };
+
+  Action action = Action::Run;
+  std::filesystem::path home;  // --home, empty when not given
+  bool debug = false;
+  bool noTray = false;
+  std::vector<std::string> arguments;  // of "wake" and "scan"
+  std::string error;                   // with Action::Error
+};
+
+CommandLine ParseCommandLine(const std::vector<std::string>& args);
+
+// The usage text printed by --help.
+std::string UsageText();
+
+// The home folder: --home, else TAVREL_HOME, else the program's own folder when it can be written to,
+// else the per-user data folder.
+std::filesystem::path ResolveHome(const CommandLine& cmd);
+
+}  // namespace tavrel

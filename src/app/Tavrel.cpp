@@ -1,0 +1,166 @@
+#include "app/Tavrel.h"
+
+#include <exception>
+#include <utility>
+
+#include "core/Text.h"
+#include "lan/ComputerActions.h"
+#include "lan/LanScan.h"
+#include "platform/Host.h"
+#include "xap/XapHandler.h"
+#include "xap/XapTransport.h"
+
+namespace tavrel {
+
+Tavrel::Tavrel(asio::io_context& io, std::filesystem::path home, const Clock& clock, Options options)
+    : io_(io),
+      home_(std::move(home)),
+      clock_(clock),
+      options_(options),
+      log_(home_ / "Data", clock, xapGlobal_),
+      hs_(home_ / "Config", log_) {}
+
+Tavrel::~Tavrel() {
+  xapGlobal_.SetTransport(nullptr);
+  if (lanScan_) lanScan_->Stop();
+  if (transport_) transport_->Close();
+}
+
+bool Tavrel::form_load() {
+  exiting_ = false;
+  xapStarted_ = false;
+  inMessage_ = false;
+  try {
+    table_ = ComputerTable{};
+    startup_ = InitXap(home_, hs_, log_);
+    httpPortSetting_ = hs_.GetINISetting("WOL", "HTTPPort", "8019", kIniFile);
+    if (!StartXap()) return false;
+    LoadIni();
+    RegisterOwnAddress();
+    lanScan_ = std::make_unique<LanScan>(
+        io_, table_, hs_, xapGlobal_, log_, [this] { return transport_->LocalIP(); }, home_);
+    return true;
+  } catch (const std::exception& e) {
+    log_.WriteLog(kModule, "Main Load", Err::From(e));
+    return false;
+  }
+}
+
+bool Tavrel::StartXap() {
+  transport_ = std::make_unique<XapTransport>(io_, log_);
+  transport_->RegisterNewMessageCallback([this] { onMessage(); });
+  transport_->SetXapSource(XapSource());
+  transport_->SetXapUID(kXapUID);
+  transport_->SetBroadcastAddress(startup_.BroadcastAddress);
+  transport_->SetInterfaceAddress(startup_.InterfaceAddress);
+  transport_->SetPort(startup_.Port);
+  const long port = transport_->Init();
+  if (port <= 0) {
+    log_.WriteLog(kModule, "xAP Init Error " + std::to_string(port) + " occurred");
+    transport_->Close();
+    return false;
+  }
+  transport_->SendHeartbeat(60);
+  xapStarted_ = true;
+  xapGlobal_.SetTransport(transport_.get());
+  log_.ReportEvent(kModule, "Using xAP port " + std::to_string(port));
+
+  handler_ = std::make_unique<XapHandler>(XapHandler::Context{
+      table_, hs_, xapGlobal_, *transport_, log_, clock_,
+      [this](const std::string& mac, const std::string& ip) { SendWOL(mac, ip, log_); }, XapSource(),
+      startup_.ExecutablePath});
+  return true;
+}
+
+void Tavrel::LoadIni() {
+  const std::string now = FormatDateTime(clock_.Now());
+  try {
+    const std::string& name = startup_.LocalComputerName;
+    table_.Computers[name] = KeyValuePair{name, transport_ ? transport_->LocalIP() : std::string()};
+    table_.LastSeen[name] = KeyValuePair{name, now};
+  } catch (const std::exception& e) {
+    log_.WriteLog(kModule, "LoadIni", Err::From(e));
+  }
+  ReadSection("Computer", true);
+  ReadSection("ARP", false);
+}
+
+// One INI section into the table: "Computer" lines name=IP, "ARP" lines IP=MAC. Entries already
+// present (this machine's) win over the file; lines with an empty name or a blank value are skipped.
+void Tavrel::ReadSection(const char* section, bool computers) {
+  const std::string now = FormatDateTime(clock_.Now());
+  std::vector<std::string> lines;
+  try {
+    lines = Split(hs_.GetINISection(section, kIniFile), std::string_view("\0", 1));
+  } catch (const std::exception& e) {
+    log_.WriteLog(kModule, "LoadIni", Err::From(e));
+    return;
+  }
+  for (const auto& line : lines) {
+    try {
+      auto parts = Split(line, "=");
+      if (parts.size() < 2) continue;
+      const std::string key = LCase(parts[0]);
+      if (key.empty() || Trim(parts[1]).empty()) continue;
+      if (computers) {
+        table_.Computers.Add(key, KeyValuePair{key, parts[1]});
+        table_.LastSeen.Add(key, KeyValuePair{key, now});
+      } else {
+        table_.ARPTable.Add(key, KeyValuePair{key, parts[1]});
+      }
+    } catch (const std::exception& e) {
+      log_.WriteLog(kModule, "LoadIni", Err::From(e));
+    }
+  }
+}
+
+// This machine's own entry in the ARP table, in memory and in the INI file.
+void Tavrel::RegisterOwnAddress() {
+  const std::string mac = platform::LocalMac();
+  const std::string ip = transport_->LocalIP();
+  table_.ARPTable.Remove(ip);
+  table_.ARPTable.Add(ip, KeyValuePair{ip, mac});
+  hs_.SaveIniSetting("ARP", ip, mac, kIniFile);
+}
+
+void Tavrel::onMessage() {
+  if (inMessage_ || !transport_) return;
+  inMessage_ = true;
+  for (std::string text = transport_->GetMessage(); !text.empty(); text = transport_->GetMessage()) {
+    try {
+      handler_->Handle(text);
+    } catch (const std::exception& e) {
+      log_.WriteLog(kModule, "Main OnMessage", Err::From(e));
+    }
+  }
+  inMessage_ = false;
+}
+
+void Tavrel::MenuArray_Click(int index) {
+  switch (index) {
+    case kBrowser:
+      // The backslash before "wol" has always been part of this address; browsers take it as "/".
+      platform::OpenBrowser("http://localhost:" + httpPortSetting_ + "\\wol");
+      break;
+    case kQueryLan:
+      if (lanScan_) lanScan_->QueryLAN();
+      break;
+    case kExit:
+      exiting_ = true;
+      Form_unload();
+      break;
+    default:
+      break;
+  }
+}
+
+void Tavrel::Form_unload() {
+  if (!exiting_) return;
+  // Nothing is saved here: every change was written to the INI file when it was made.
+  xapGlobal_.SetTransport(nullptr);
+  if (lanScan_) lanScan_->Stop();
+  if (transport_) transport_->Close();
+  io_.stop();
+}
+
+}  // namespace tavrel

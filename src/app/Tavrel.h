@@ -1,0 +1,88 @@
+#pragma once
+
+#include <filesystem>
+#include <memory>
+#include <string>
+
+#include <asio/io_context.hpp>
+
+#include "app/Log.h"
+#include "core/Clock.h"
+#include "core/ComputerTable.h"
+#include "settings/Hs.h"
+#include "xap/XapGlobal.h"
+#include "xap/XapStartup.h"
+
+namespace tavrel {
+
+class XapTransport;
+class XapHandler;
+class LanScan;
+
+// The application: builds the shared state at start, starts the xAP node, reads the computer table and
+// from then on only reacts to xAP messages, the menu (tray or signals) and the scan timer. Owns every
+// part for the whole run; everything runs on the one thread of the io_context.
+class Tavrel {
+ public:
+  struct Options {
+    bool debug = false;
+    bool noTray = false;
+  };
+
+  // Menu entries by index; 1, 2 and 4 are present but do nothing.
+  enum Menu { kBrowser = 0, kSystemConfig = 1, kSystemStatus = 2, kQueryLan = 3, kHelp = 4, kExit = 6 };
+
+  Tavrel(asio::io_context& io, std::filesystem::path home, const Clock& clock, Options options);
+  ~Tavrel();
+  Tavrel(const Tavrel&) = delete;
+  Tavrel& operator=(const Tavrel&) = delete;
+
+  // Start-up. False when the program must end (the reason is in the log file).
+  bool form_load();
+  void LoadIni();
+  // Drains the xAP receive queue into the message handler; does nothing when already draining.
+  void onMessage();
+  void MenuArray_Click(int index);
+  // With Exiting set: takes the parts down so the loop runs out. Without: nothing (the program stays).
+  void Form_unload();
+
+  bool Exiting() const { return exiting_; }
+  bool XapStarted() const { return xapStarted_; }
+  const std::string& LocalComputerName() const { return startup_.LocalComputerName; }
+  const std::string& HTTPPortSetting() const { return httpPortSetting_; }
+  ComputerTable& Table() { return table_; }
+  Hs& Settings() { return hs_; }
+  Log& Reports() { return log_; }
+  XapTransport* Transport() { return transport_.get(); }
+  LanScan* Scan() { return lanScan_.get(); }
+
+  // The xAP source address of this node.
+  std::string XapSource() const { return "zel.WOL." + startup_.LocalComputerName; }
+  static constexpr const char* kXapUID = "FF001500";
+
+ private:
+  bool StartXap();
+  void RegisterOwnAddress();
+  void ReadSection(const char* section, bool computers);
+
+  asio::io_context& io_;
+  std::filesystem::path home_;
+  const Clock& clock_;
+  Options options_;
+
+  XapGlobal xapGlobal_;
+  Log log_;
+  Hs hs_;
+  ComputerTable table_;
+  XapStartup startup_;
+  std::string httpPortSetting_ = "8019";
+  std::unique_ptr<XapTransport> transport_;
+  std::unique_ptr<XapHandler> handler_;
+  std::unique_ptr<LanScan> lanScan_;
+
+  bool exiting_ = false;
+  bool xapStarted_ = false;
+  bool inMessage_ = false;
+};
+
+}  // namespace tavrel

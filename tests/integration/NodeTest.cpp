@@ -1,0 +1,170 @@
+// The real program on loopback: what it sends and answers, byte for byte.
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <unistd.h>
+#include <arpa/inet.h>
+#include <poll.h>
+
+#include <regex>
+
+#include "NodeHarness.h"
+
+namespace tavrel::test {
+namespace {
+
+using namespace std::string_literals;
+
+// A message as another node on the network would send it.
+std::string Message(const std::string& cls, const std::string& source, const std::string& target,
+                    const std::string& block, const std::string& items) {
+  std::string text = "xap-header\n{\nv=12\nhop=1\nuid=FF123400\nclass=" + cls + "\nsource=" + source + "\n";
+  if (!target.empty()) text += "target=" + target + "\n";
+  return text + "}\n" + block + "\n{\n" + items + "}\n";
+}
+
+// What the node sends: header with its UID and source, then one block.
+std::string FromNode(const std::string& cls, const std::string& target, const std::string& block,
+                     const std::string& items) {
+  std::string text = "xap-header\n{\nv=12\nhop=1\nuid=FF001500\nclass=" + cls + "\nsource=" + NodeSource() + "\n";
+  if (!target.empty()) text += "target=" + target + "\n";
+  return text + "}\n" + block + "\n{\n" + items + "}\n";
+}
+
+bool IsClass(const std::string& text, const std::string& cls) { return Field(text, "class") == cls; }
+
+// The event report with its Time line replaced by "Time=*", once the time is checked for its form.
+std::string MaskTime(const std::string& text) {
+  static const std::regex time("\nTime=\\d{4}-\\d{2}-\\d{2} \\d{2}:\\d{2}:\\d{2}\n");
+  return std::regex_replace(text, time, "\nTime=*\n");
+}
+
+class NodeTest : public ::testing::Test {
+ protected:
+  // Starts the node and returns the port it bound, read from its first heartbeat.
+  int StartNode(Node& node) {
+    node.Start();
+    std::string hb = hub.ReceiveUntil([](const std::string& t) { return t.rfind("xap-hbeat", 0) == 0; });
+    EXPECT_FALSE(hb.empty()) << "no heartbeat";
+    int port = std::atoi(Field(hb, "port").c_str());
+    EXPECT_GT(port, 0);
+    EXPECT_EQ(hb, "xap-hbeat\n{\nv=12\nhop=1\nuid=FF001500\nclass=xap-hbeat.alive\nsource=" + NodeSource() +
+                      "\ninterval=600\nport=" + std::to_string(port) + "\n}\n");
+    return port;
+  }
+
+  Hub hub;
+};
+
+TEST_F(NodeTest, StartsWithHeartbeatThenHeldReportsThenThePortEvent) {
+  // A broken line in zelXap.ini is reported while the settings are read, before the transport is up.
+  Node node(hub.Port(), "", "garbage\n");
+  int port = StartNode(node);
+  EXPECT_NE(port, hub.Port());  // the hub holds the xAP port
+
+  const std::string held = FromNode("Homeseer.Event", "", "Event.Log",
+                                    "Time=*\nType=IniTool\nData= Equal sign not found on line garbage\n");
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(MaskTime(hub.Receive()), held) << i;
+  EXPECT_EQ(MaskTime(hub.Receive()),
+            FromNode("Homeseer.Event", "", "Event.Log",
+                     "Time=*\nType=tavrel\nData=Using xAP port " + std::to_string(port) + "\n"));
+
+  node.Signal(SIGTERM);
+  EXPECT_EQ(node.WaitExit(), 0);
+  // This machine's own address went into section ARP.
+  EXPECT_NE(node.Ini().find("[ARP]"), std::string::npos);
+}
+
+TEST_F(NodeTest, AnswersRoleEchoAndComputerQueries) {
+  Node node(hub.Port(), "[Computer]\npc7=127.0.0.7\n[ARP]\n127.0.0.7=00-11-22-33-44-55\n");
+  int port = StartNode(node);
+
+  hub.SendTo(port, Message("Homeseer.Role", "acme.hub.test", "", "Role.Query", "Role=ANY\n"));
+  EXPECT_EQ(hub.ReceiveUntil([](const std::string& t) { return IsClass(t, "Homeseer.Role"); }),
+            FromNode("Homeseer.Role", "", "Role.Notification",
+                     "Role=Computer Management\nPath=" + std::string(TAVREL_BINARY) + "\n"));
+
+  hub.SendTo(port, Message("WDT.Echo", "acme.watch.test", NodeSource(), "Echo.Query", "Query=ABC\n"));
+  EXPECT_EQ(hub.ReceiveUntil([](const std::string& t) { return IsClass(t, "WDT.Echo"); }),
+            FromNode("WDT.Echo", "acme.watch.test", "Echo.Response", "Response=abc\n"));
+
+  hub.SendTo(port, Message("Computer.Process", "acme.hub.test", "x.y.pc7", "Computer.Query", "Query=all\n"));
+  EXPECT_EQ(hub.ReceiveUntil([](const std::string& t) { return Field(t, "Name") == "pc7"; }),
+            FromNode("Computer.Process", "", "Computer.Notification",
+                     "MAC=127.0.0.7\nIP=127.0.0.7\nName=pc7\n"));
+
+  // A role the node does not serve gets no answer; the echo goes out first, so nothing lies between.
+  hub.SendTo(port, Message("Homeseer.Role", "acme.hub.test", "", "Role.Query", "Role=Lighting\n"));
+  hub.SendTo(port, Message("WDT.Echo", "acme.watch.test", "", "Echo.Query", "Query=second\n"));
+  std::string next = hub.ReceiveUntil([](const std::string& t) {
+    return IsClass(t, "Homeseer.Role") || IsClass(t, "WDT.Echo");
+  });
+  EXPECT_EQ(Field(next, "Response"), "second");
+
+  node.Signal(SIGINT);
+  EXPECT_EQ(node.WaitExit(), 0);
+}
+
+TEST_F(NodeTest, LearnsANewSenderOnceAndQueriesIt) {
+  Node node(hub.Port());
+  int port = StartNode(node);
+
+  const std::string hello = Message("xap.anything", "acme.agent.pc9:disk", "", "x", "a=1\n");
+  hub.SendTo(port, hello);
+  EXPECT_EQ(hub.ReceiveUntil([](const std::string& t) { return Field(t, "target") == "*.*.pc9"; }),
+            FromNode("Computer.Process", "*.*.pc9", "Computer.Query", "Query=All\n"));
+  ASSERT_TRUE(WaitFor([&] { return node.Ini().find("PC9=") != std::string::npos; }));
+  EXPECT_NE(node.Ini().find("[COMPUTER]"), std::string::npos);
+
+  // The second message from pc9 sends no further query: the echo answer comes next instead.
+  hub.SendTo(port, hello);
+  hub.SendTo(port, Message("WDT.Echo", "acme.watch.pc9", "", "Echo.Query", "Query=after\n"));
+  std::string next = hub.ReceiveUntil([](const std::string& t) {
+    return Field(t, "target") == "*.*.pc9" || IsClass(t, "WDT.Echo");
+  });
+  EXPECT_TRUE(IsClass(next, "WDT.Echo")) << next;
+
+  node.Signal(SIGTERM);
+  EXPECT_EQ(node.WaitExit(), 0);
+}
+
+TEST_F(NodeTest, WakeRequestSendsTheMagicPacketToTheComputersSubnet) {
+  if (geteuid() != 0) GTEST_SKIP() << "port 7 needs root";
+  // 127.0.0.9/24 has the broadcast 127.0.0.255: loopback, so the packet stays on this machine.
+  int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_port = htons(7);
+  inet_pton(AF_INET, "127.0.0.255", &addr.sin_addr);
+  ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
+
+  Node node(hub.Port(), "[Computer]\npcw=127.0.0.9\n[ARP]\n127.0.0.9=00-1A-2B-3C-4D-5E\n");
+  int port = StartNode(node);
+  hub.SendTo(port, Message("Computer.Process", "acme.hub.test", "x.y.pcw", "Computer.Control", "Action=wol\n"));
+
+  pollfd p{fd, POLLIN, 0};
+  ASSERT_EQ(poll(&p, 1, 5000), 1) << "no wake packet";
+  unsigned char buf[512];
+  ssize_t n = recv(fd, buf, sizeof buf, 0);
+  close(fd);
+  std::string expected(6, '\xFF');
+  for (int i = 0; i < 16; ++i) expected += "\x00\x1A\x2B\x3C\x4D\x5E"s;
+  EXPECT_EQ(std::string(reinterpret_cast<char*>(buf), static_cast<size_t>(n)), expected);
+
+  node.Signal(SIGTERM);
+  EXPECT_EQ(node.WaitExit(), 0);
+}
+
+TEST_F(NodeTest, UnusableBroadcastAddressEndsTheProgramWithALogLine) {
+  Node node(hub.Port(), "", "");
+  WriteFile(node.Home() / "Config" / "zelXap.ini", "[Interface]\nBroadcastAddress=not.an.address\nPort=" +
+                                                       std::to_string(hub.Port()) + "\n");
+  node.Start();
+  EXPECT_EQ(node.WaitExit(), 1);
+  std::string log = ReadFile(node.Home() / "Data" / "tavrel.txt");
+  EXPECT_TRUE(std::regex_search(log, std::regex("(^|\n)tavrel xAP Init Error -?\\d+ occurred 0 \n"))) << log;
+}
+
+}  // namespace
+}  // namespace tavrel::test
