@@ -113,9 +113,9 @@ void LanScan::QueryLAN() {
   BuildARPTable();
 }
 
-// The configured subnets, or the one of this machine's address. A local address without "." fails the
-// sweep but gives the reader the placeholder "a.b.c".
-std::vector<std::string> LanScan::SubnetList(bool forTimer) const {
+// The configured subnets, or the one of this machine's address. A local address without "." gives the
+// sweep nothing (its caller reports that) and the reader the placeholder "a.b.c".
+std::optional<std::vector<std::string>> LanScan::SubnetList(bool forTimer) const {
   std::string list = hs_.GetINISetting(kWol, "Subnet", "", kIniFile);
   if (list.empty()) {
     std::string ip = localIP_();
@@ -125,7 +125,7 @@ std::vector<std::string> LanScan::SubnetList(bool forTimer) const {
     } else if (forTimer) {
       list = "a.b.c";
     } else {
-      throw std::invalid_argument(kNoDotInLocalIP.Description);
+      return std::nullopt;
     }
   }
   return Split(list, ",");
@@ -152,9 +152,11 @@ fs::path LanScan::LogFolder(Method method) const {
 void LanScan::BuildARPTable() {
   std::vector<std::string> subnets;
   try {
-    subnets = SubnetList(false);
-  } catch (const std::invalid_argument&) {
-    reporter_.ReportEvent(kModule, kBuildLabel, kNoDotInLocalIP);
+    if (auto list = SubnetList(false)) {
+      subnets = std::move(*list);
+    } else {
+      reporter_.ReportEvent(kModule, kBuildLabel, kNoDotInLocalIP);
+    }
   } catch (const std::exception& e) {
     reporter_.ReportEvent(kModule, kBuildLabel, Err::From(e));
   }
@@ -204,10 +206,10 @@ void LanScan::StartNativeSweep(const std::vector<std::string>& subnets) {
   std::vector<size_t> numbers;
   for (size_t i = 0; i < subnets.size(); ++i) {
     if (PartCount(subnets[i]) != 3) continue;
-    // CMD.EXE drops blanks around the subnet argument; the sweep gets the same subnet.
-    std::string subnet = Trim(subnets[i]);
+    // Blanks around a subnet are allowed, as CMD.EXE drops them from the batch file's argument.
+    const std::string& subnet = subnets[i];
     if (!IsSubnetText(subnet)) {
-      reporter_.ReportEvent(kModule, kBuildLabel, Err::Of("Invalid subnet " + subnets[i]));
+      reporter_.ReportEvent(kModule, kBuildLabel, Err::Of("Invalid subnet " + subnet));
       continue;
     }
     try {
@@ -215,7 +217,7 @@ void LanScan::StartNativeSweep(const std::vector<std::string>& subnets) {
     } catch (const std::exception& e) {
       reporter_.ReportEvent(kModule, kBuildLabel, Err::From(e));
     }
-    probe.push_back(std::move(subnet));
+    probe.push_back(subnet);
     numbers.push_back(i);
   }
   if (probe.empty()) {
@@ -266,7 +268,7 @@ void LanScan::ReadLogs(const fs::path& folder) {
   std::vector<std::string> subnets;
   std::string ownIp;
   try {
-    subnets = SubnetList(true);
+    subnets = SubnetList(true).value_or(std::vector<std::string>{});
     ownIp = localIP_();
   } catch (const std::exception& e) {
     reporter_.WriteLog(kModule, kTimerLabel, Err::From(e));

@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -60,7 +61,7 @@ class LanScan {
  private:
   enum class Method { Batch, Native };
 
-  std::vector<std::string> SubnetList(bool forTimer) const;
+  std::optional<std::vector<std::string>> SubnetList(bool forTimer) const;
   Method ScanMethod(bool logFallback) const;
   std::filesystem::path LogFolder(Method method) const;
 
