@@ -1,0 +1,257 @@
+// Whole-program measurements of the xAP node, each beside a reference in the same run:
+//   burst:   10,000 echo queries sent at once over loopback; how many the node answers and how fast,
+//            against a bare receive-and-answer loop on a plain socket.
+//   startup: time from start to the first heartbeat and idle resident memory with 1,000 computers in
+//            tavrel.ini, against a bare program that binds a socket and sends one datagram.
+// Usage: bench_node TAVREL_BINARY [burst|startup|all]. Everything stays on 127.0.0.1.
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+extern char** environ;
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+constexpr int kBurst = 10000;
+
+double Ms(Clock::duration d) { return std::chrono::duration<double, std::milli>(d).count(); }
+
+int UdpSocket(int port) {
+  int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  int size = 8 << 20;
+  // Root may go past rmem_max; otherwise the kernel caps the request.
+  if (setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &size, sizeof size) != 0) {
+    setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &size, sizeof size);
+  }
+  sockaddr_in a{};
+  a.sin_family = AF_INET;
+  a.sin_port = htons(static_cast<uint16_t>(port));
+  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  if (bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0) {
+    std::perror("bind");
+    std::exit(1);
+  }
+  return fd;
+}
+
+int PortOf(int fd) {
+  sockaddr_in a{};
+  socklen_t len = sizeof a;
+  getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
+  return ntohs(a.sin_port);
+}
+
+void SendTo(int fd, int port, const std::string& text) {
+  sockaddr_in to{};
+  to.sin_family = AF_INET;
+  to.sin_port = htons(static_cast<uint16_t>(port));
+  to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  sendto(fd, text.data(), text.size(), 0, reinterpret_cast<sockaddr*>(&to), sizeof to);
+}
+
+std::string Recv(int fd, int timeoutMs) {
+  pollfd p{fd, POLLIN, 0};
+  if (poll(&p, 1, timeoutMs) <= 0) return {};
+  char buf[2048];
+  ssize_t n = recv(fd, buf, sizeof buf, 0);
+  return n > 0 ? std::string(buf, static_cast<size_t>(n)) : std::string();
+}
+
+std::string Field(const std::string& text, const std::string& key) {
+  size_t at = text.find("\n" + key + "=");
+  if (at == std::string::npos) return {};
+  at += key.size() + 2;
+  return text.substr(at, text.find('\n', at) - at);
+}
+
+std::string EchoQuery(int i) {
+  return "xap-header\n{\nv=12\nhop=1\nuid=FF123400\nclass=WDT.Echo\nsource=bench.burst.hub\n}\nEcho.Query\n{\n"
+         "Query=q" + std::to_string(i) + "\n}\n";
+}
+
+// Addresses from the two documentation ranges only; the node never contacts them at start.
+std::string TestIp(int i) {
+  return std::string(i % 2 ? "203.0.113." : "198.51.100.") + std::to_string(i / 2 % 254 + 1);
+}
+
+struct Node {
+  std::filesystem::path home;
+  pid_t pid = -1;
+
+  Node(const std::string& binary, int xapPort, int computers) {
+    home = std::filesystem::temp_directory_path() / ("tavrel-bench-" + std::to_string(getpid()));
+    std::filesystem::remove_all(home);
+    std::filesystem::create_directories(home / "Config");
+    std::ofstream(home / "Config" / "zelXap.ini")
+        << "[Interface]\nBroadcastAddress=127.0.0.1\nPort=" << xapPort << "\n";
+    std::ofstream ini(home / "Config" / "tavrel.ini");
+    ini << "[ARP]\n";
+    for (int i = 0; i < computers; ++i) {
+      char line[96];
+      std::snprintf(line, sizeof line, "%s=02-00-00-00-%02X-%02X\n", TestIp(i).c_str(), i / 256, i % 256);
+      ini << line;
+    }
+    ini << "[COMPUTER]\n";
+    for (int i = 0; i < computers; ++i) ini << "PC" << i << "=" << TestIp(i) << "\n";
+    ini.close();
+    std::string homeText = home.string();
+    const char* argv[] = {binary.c_str(), "--home", homeText.c_str(), "--no-tray", nullptr};
+    if (posix_spawn(&pid, binary.c_str(), nullptr, nullptr, const_cast<char**>(argv), environ) != 0) {
+      std::perror("spawn");
+      std::exit(1);
+    }
+  }
+  ~Node() {
+    if (pid > 0) {
+      kill(pid, SIGTERM);
+      waitpid(pid, nullptr, 0);
+    }
+    std::filesystem::remove_all(home);
+  }
+};
+
+long RssKb(pid_t pid) {
+  std::ifstream in("/proc/" + std::to_string(pid) + "/status");
+  std::string line;
+  while (std::getline(in, line)) {
+    if (line.rfind("VmRSS:", 0) == 0) return std::atol(line.c_str() + 6);
+  }
+  return -1;
+}
+
+// Sends the burst to port and counts echo answers arriving at hub until all are in or 3 s pass quietly.
+std::pair<int, double> Burst(int hub, int port) {
+  std::vector<std::string> queries;
+  for (int i = 0; i < kBurst; ++i) queries.push_back(EchoQuery(i));
+  auto start = Clock::now();
+  auto last = start;
+  for (const auto& q : queries) SendTo(hub, port, q);
+  int answers = 0;
+  while (answers < kBurst) {
+    std::string text = Recv(hub, 3000);
+    if (text.empty()) break;
+    if (Field(text, "class") == "WDT.Echo") {
+      ++answers;
+      last = Clock::now();
+    }
+  }
+  return {answers, Ms(last - start)};
+}
+
+void RunBurst(const std::string& binary) {
+  int hub = UdpSocket(0);
+  Node node(binary, PortOf(hub), 1);
+  std::string hb;
+  while (hb.rfind("xap-hbeat", 0) != 0) {
+    hb = Recv(hub, 5000);
+    if (hb.empty()) {
+      std::printf("burst: no heartbeat\n");
+      return;
+    }
+  }
+  int port = std::atoi(Field(hb, "port").c_str());
+  // Let the start-up reports pass, then learn the bench's source once.
+  SendTo(hub, port, EchoQuery(-1));
+  while (!Recv(hub, 300).empty()) {
+  }
+  auto [nodeAnswers, nodeMs] = Burst(hub, port);
+
+  // Reference: a bare loop that answers every datagram with one fixed datagram.
+  int bare = UdpSocket(0);
+  std::atomic<bool> stop{false};
+  std::thread loop([&] {
+    const std::string reply = "xap-header\n{\nclass=WDT.Echo\n}\n";
+    char buf[2048];
+    while (!stop) {
+      pollfd p{bare, POLLIN, 0};
+      if (poll(&p, 1, 100) <= 0) continue;
+      if (recv(bare, buf, sizeof buf, 0) > 0) SendTo(bare, PortOf(hub), reply);
+    }
+  });
+  auto [bareAnswers, bareMs] = Burst(hub, PortOf(bare));
+  stop = true;
+  loop.join();
+  close(bare);
+  close(hub);
+  std::printf("burst: node answered %d/%d in %.1f ms (%.0f msg/s); bare loop %d/%d in %.1f ms; node/bare time %.2f\n",
+              nodeAnswers, kBurst, nodeMs, nodeAnswers / (nodeMs / 1000.0), bareAnswers, kBurst, bareMs,
+              nodeMs / bareMs);
+}
+
+void RunStartup(const std::string& binary) {
+  constexpr int kRuns = 5;
+  double nodeMs = 0;
+  long nodeRss = 0;
+  for (int r = 0; r < kRuns; ++r) {
+    int hub = UdpSocket(0);
+    auto start = Clock::now();
+    Node node(binary, PortOf(hub), 1000);
+    std::string hb;
+    while (hb.rfind("xap-hbeat", 0) != 0) {
+      hb = Recv(hub, 5000);
+      if (hb.empty()) break;
+    }
+    nodeMs += Ms(Clock::now() - start);
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    nodeRss = RssKb(node.pid);
+    close(hub);
+  }
+  // Reference: this same program re-run as a bare node: bind a socket, send one datagram, sit idle.
+  double bareMs = 0;
+  long bareRss = 0;
+  for (int r = 0; r < kRuns; ++r) {
+    int hub = UdpSocket(0);
+    auto start = Clock::now();
+    pid_t pid = -1;
+    std::string self = std::filesystem::read_symlink("/proc/self/exe").string();
+    std::string port = std::to_string(PortOf(hub));
+    const char* argv[] = {self.c_str(), "bare", port.c_str(), nullptr};
+    posix_spawn(&pid, self.c_str(), nullptr, nullptr, const_cast<char**>(argv), environ);
+    Recv(hub, 5000);
+    bareMs += Ms(Clock::now() - start);
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    bareRss = RssKb(pid);
+    kill(pid, SIGTERM);
+    waitpid(pid, nullptr, 0);
+    close(hub);
+  }
+  std::printf("startup: node with 1,000 computers: first heartbeat after %.1f ms, idle RSS %ld KiB; "
+              "bare socket program %.1f ms, %ld KiB; ratios %.2f (time) %.2f (memory)\n",
+              nodeMs / kRuns, nodeRss, bareMs / kRuns, bareRss, nodeMs / bareMs,
+              static_cast<double>(nodeRss) / static_cast<double>(bareRss));
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc == 3 && std::string(argv[1]) == "bare") {
+    int fd = UdpSocket(0);
+    SendTo(fd, std::atoi(argv[2]), "xap-hbeat\n{\n}\n");
+    pause();
+    return 0;
+  }
+  if (argc < 2) {
+    std::fprintf(stderr, "usage: bench_node TAVREL_BINARY [burst|startup|all]\n");
+    return 2;
+  }
+  std::string what = argc > 2 ? argv[2] : "all";
+  if (what == "burst" || what == "all") RunBurst(argv[1]);
+  if (what == "startup" || what == "all") RunStartup(argv[1]);
+  return 0;
+}
