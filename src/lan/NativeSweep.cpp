@@ -94,7 +94,8 @@ struct SweepRun {
 //   and the rest is margin for slow links (Wi-Fi clients in power save answer a beacon interval or
 //   three late, 100-300 ms) and busy machines. The sweep ends there, whatever is still missing; one
 //   /24 then takes 0.82 s of wall time for the whole command, four /24s the same.
-const NativeSweep::Timing NativeSweep::kTiming{std::chrono::milliseconds(300), std::chrono::milliseconds(800)};
+const NativeSweep::Timing NativeSweep::kTiming{std::chrono::milliseconds(300),
+                                               std::chrono::milliseconds(800)};
 
 struct NativeSweep::Impl {
   Impl(asio::io_context& io, Reporter& reporter, ProbeOpener opener, Timing timing)
@@ -258,7 +259,8 @@ int ScanCommand(const std::vector<std::string>& subnets, std::ostream& out, std:
       err << "tavrel scan: \"" << subnet << "\" is not a subnet: give three numbers 0-255, as 198.51.100\n";
       bad = true;
     } else if (!SubnetBase(subnet, base)) {
-      err << "tavrel scan: \"" << subnet << "\" holds no computers (0, 127 and 224 and above are not swept)\n";
+      err << "tavrel scan: \"" << subnet
+          << "\" holds no computers (0, 127 and 224 and above are not swept)\n";
       bad = true;
     }
   }
@@ -268,7 +270,8 @@ int ScanCommand(const std::vector<std::string>& subnets, std::ostream& out, std:
   StreamReporter reporter(err);
   NativeSweep sweep(io, reporter);
   std::vector<std::vector<ArpEntry>> results;
-  sweep.Start(subnets, [&results](const std::vector<std::vector<ArpEntry>>& perSubnet) { results = perSubnet; });
+  sweep.Start(subnets,
+              [&results](const std::vector<std::vector<ArpEntry>>& perSubnet) { results = perSubnet; });
   io.run();
   for (const std::vector<ArpEntry>& entries : results) {
     for (const ArpEntry& entry : entries) out << entry.Ip << ' ' << entry.Mac << '\n';

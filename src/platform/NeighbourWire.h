@@ -33,8 +33,8 @@ bool AnswersUs(const ArpPacket& packet, const MacAddress& ourMac, Ipv4 ourIp);
 // One IPv4 entry of the Linux neighbour table, from an RTM_NEWNEIGH message.
 struct NeighbourRecord {
   Ipv4 Ip = 0;
-  std::optional<MacAddress> Mac;  // absent while unresolved, or for a non-Ethernet address
-  std::uint16_t State = 0;        // NUD_* bits
+  std::optional<MacAddress> Mac;     // absent while unresolved, or for a non-Ethernet address
+  std::uint16_t State = 0;           // NUD_* bits
   std::uint32_t ConfirmedTicks = 0;  // age of the last confirmation, in clock ticks (USER_HZ)
   bool HasCacheInfo = false;
 };

@@ -1,8 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <asio/io_context.hpp>
 #include <asio/post.hpp>
-#include <algorithm>
 #include <cstring>
 #include <map>
 #include <optional>
@@ -22,7 +22,9 @@ namespace {
 using platform::Ipv4;
 using platform::MacAddress;
 
-constexpr Ipv4 Ip(unsigned a, unsigned b, unsigned c, unsigned d) { return (a << 24) | (b << 16) | (c << 8) | d; }
+constexpr Ipv4 Ip(unsigned a, unsigned b, unsigned c, unsigned d) {
+  return (a << 24) | (b << 16) | (c << 8) | d;
+}
 
 // --- the log text the scan timer reads back -------------------------------------------------------
 
@@ -37,7 +39,8 @@ TEST(ArpLogText, LinesAreThoseOfArpMinusA) {
 }
 
 TEST(ArpLogText, EveryLineSplitsIntoIpMacAndDynamicAtBlanks) {
-  std::vector<ArpEntry> entries{{"198.51.100.2", "02-00-c6-33-64-02"}, {"198.51.100.254", "aa-bb-cc-dd-ee-ff"}};
+  std::vector<ArpEntry> entries{{"198.51.100.2", "02-00-c6-33-64-02"},
+                                {"198.51.100.254", "aa-bb-cc-dd-ee-ff"}};
   std::vector<std::string> lines = Split(ArpLogText(entries), platform::kLineEnd);
   ASSERT_EQ(lines.size(), 3u);  // the text ends with a line end
   EXPECT_EQ(lines[2], "");
@@ -57,9 +60,9 @@ TEST(IsSubnetText, TakesThreeDottedNumbersFrom0To255) {
   for (const char* good : {"198.51.100", "203.0.113", "0.0.0", "255.255.255", "10.0.1", " 203.0.113 "}) {
     EXPECT_TRUE(IsSubnetText(good)) << good;
   }
-  for (const char* bad : {"", "198.51", "198.51.100.0", "198.51.256", "198.51.-1", "198..100", "198.51.100.",
-                          ".51.100", "a.b.c", "198.051.100", "+1.2.3", "1.2.3 4", "1.2.3\t", "1000.2.3",
-                          "198,51,100", "0x10.1.2"}) {
+  for (const char* bad :
+       {"", "198.51", "198.51.100.0", "198.51.256", "198.51.-1", "198..100", "198.51.100.", ".51.100",
+        "a.b.c", "198.051.100", "+1.2.3", "1.2.3 4", "1.2.3\t", "1000.2.3", "198,51,100", "0x10.1.2"}) {
     EXPECT_FALSE(IsSubnetText(bad)) << bad;
   }
 }
@@ -142,10 +145,10 @@ TEST(ArpPackets, OnlyAReplyToOurOwnAddressCounts) {
     return platform::AnswersUs(*platform::ParseArp(Bytes(bytes), bytes.size()), kOurMac, ours);
   };
   EXPECT_TRUE(check(ReplyBytes(kHostMac, host, kOurMac, ours)));
-  EXPECT_FALSE(check(ReplyBytes(kHostMac, host, kOurMac, ours, 1)));                   // a request
-  EXPECT_FALSE(check(ReplyBytes(kHostMac, host, kOurMac, Ip(198, 51, 100, 9))));      // to someone else
-  EXPECT_FALSE(check(ReplyBytes(kHostMac, host, kHostMac, ours)));                    // to another MAC
-  EXPECT_FALSE(check(ReplyBytes(kHostMac, ours, kOurMac, ours)));                     // our own address
+  EXPECT_FALSE(check(ReplyBytes(kHostMac, host, kOurMac, ours, 1)));              // a request
+  EXPECT_FALSE(check(ReplyBytes(kHostMac, host, kOurMac, Ip(198, 51, 100, 9))));  // to someone else
+  EXPECT_FALSE(check(ReplyBytes(kHostMac, host, kHostMac, ours)));                // to another MAC
+  EXPECT_FALSE(check(ReplyBytes(kHostMac, ours, kOurMac, ours)));                 // our own address
 }
 
 // --- the Linux neighbour table dump -----------------------------------------------------------------
@@ -194,7 +197,8 @@ class Netlink {
 
 std::string Dst(unsigned a, unsigned b, unsigned c, unsigned d) {
   std::string out;
-  Netlink::Attribute(out, 1, {static_cast<char>(a), static_cast<char>(b), static_cast<char>(c), static_cast<char>(d)});
+  Netlink::Attribute(
+      out, 1, {static_cast<char>(a), static_cast<char>(b), static_cast<char>(c), static_cast<char>(d)});
   return out;
 }
 std::string Lladdr(const MacAddress& mac) {
@@ -209,9 +213,10 @@ std::string Cache(std::uint32_t confirmed) {
 }
 
 TEST(NeighbourDump, ReadsIpv4EntriesWithMacStateAndAge) {
-  std::string buffer = Netlink::Neigh(2, platform::kNudReachable, Dst(198, 51, 100, 7) + Lladdr(kHostMac) + Cache(12)) +
-                       Netlink::Neigh(10, platform::kNudReachable, Lladdr(kHostMac)) +  // IPv6: skipped
-                       Netlink::Neigh(2, platform::kNudIncomplete, Dst(198, 51, 100, 9) + Cache(0)) + Netlink::Done();
+  std::string buffer =
+      Netlink::Neigh(2, platform::kNudReachable, Dst(198, 51, 100, 7) + Lladdr(kHostMac) + Cache(12)) +
+      Netlink::Neigh(10, platform::kNudReachable, Lladdr(kHostMac)) +  // IPv6: skipped
+      Netlink::Neigh(2, platform::kNudIncomplete, Dst(198, 51, 100, 9) + Cache(0)) + Netlink::Done();
   platform::NeighbourDumpPart part = platform::ParseNeighbourDump(Bytes(buffer), buffer.size());
   EXPECT_TRUE(part.Done);
   EXPECT_EQ(part.Error, 0);
@@ -243,7 +248,8 @@ TEST(NeighbourDump, MultiPartDumpWithoutDoneAndErrors) {
 }
 
 TEST(NeighbourDump, MalformedInputNeverReadsPastTheBuffer) {
-  std::string good = Netlink::Neigh(2, platform::kNudReachable, Dst(198, 51, 100, 7) + Lladdr(kHostMac) + Cache(3));
+  std::string good =
+      Netlink::Neigh(2, platform::kNudReachable, Dst(198, 51, 100, 7) + Lladdr(kHostMac) + Cache(3));
   // Every cut of a valid message: whole messages only, never a crash (run under ASan as well).
   for (std::size_t size = 0; size < good.size(); ++size) {
     std::vector<std::uint8_t> cut(good.begin(), good.begin() + static_cast<std::ptrdiff_t>(size));
@@ -272,8 +278,8 @@ TEST(NeighbourDump, RequestAsksForADumpOfIpv4Neighbours) {
   std::memcpy(&flags, request.data() + 6, 2);
   std::memcpy(&sequence, request.data() + 8, 4);
   EXPECT_EQ(length, 28u);
-  EXPECT_EQ(type, 30);       // RTM_GETNEIGH
-  EXPECT_EQ(flags, 0x301);   // NLM_F_REQUEST | NLM_F_DUMP
+  EXPECT_EQ(type, 30);      // RTM_GETNEIGH
+  EXPECT_EQ(flags, 0x301);  // NLM_F_REQUEST | NLM_F_DUMP
   EXPECT_EQ(sequence, 7u);
   EXPECT_EQ(request[16], 2);  // AF_INET
 }
@@ -310,12 +316,12 @@ TEST(Freshness, OnlyEntriesConfirmedSinceTheSweepBeganCount) {
 
 TEST(Freshness, AnIcmpErrorProvesTheHostOnlyWhenTheHostSentIt) {
   Ipv4 host = Ip(198, 51, 100, 7), router = Ip(198, 51, 100, 254);
-  EXPECT_TRUE(platform::IcmpShowsHost(3, 3, host, host));    // port unreachable
-  EXPECT_TRUE(platform::IcmpShowsHost(3, 2, host, host));    // protocol unreachable
-  EXPECT_TRUE(platform::IcmpShowsHost(3, 13, host, host));   // filtered, but answered
+  EXPECT_TRUE(platform::IcmpShowsHost(3, 3, host, host));     // port unreachable
+  EXPECT_TRUE(platform::IcmpShowsHost(3, 2, host, host));     // protocol unreachable
+  EXPECT_TRUE(platform::IcmpShowsHost(3, 13, host, host));    // filtered, but answered
   EXPECT_FALSE(platform::IcmpShowsHost(3, 3, router, host));  // someone else speaking for it
-  EXPECT_FALSE(platform::IcmpShowsHost(3, 1, host, host));   // host unreachable
-  EXPECT_FALSE(platform::IcmpShowsHost(11, 0, host, host));  // time exceeded
+  EXPECT_FALSE(platform::IcmpShowsHost(3, 1, host, host));    // host unreachable
+  EXPECT_FALSE(platform::IcmpShowsHost(11, 0, host, host));   // time exceeded
   EXPECT_TRUE(platform::HasDynamicMac(Record(platform::kNudStale, 99999)));
   EXPECT_FALSE(platform::HasDynamicMac(Record(platform::kNudStale, 0, false)));
 }
@@ -355,7 +361,8 @@ class SweepTest : public ::testing::Test {
   }
 
   // Runs one sweep to its end (or until the loop runs dry) and returns what Done got.
-  std::optional<std::vector<std::vector<ArpEntry>>> Sweep(NativeSweep& sweep, std::vector<std::string> subnets) {
+  std::optional<std::vector<std::vector<ArpEntry>>> Sweep(NativeSweep& sweep,
+                                                          std::vector<std::string> subnets) {
     std::optional<std::vector<std::vector<ArpEntry>>> result;
     sweep.Start(std::move(subnets), [&](const std::vector<std::vector<ArpEntry>>& r) { result = r; });
     EXPECT_TRUE(sweep.Running());
@@ -396,12 +403,14 @@ TEST_F(SweepTest, ProbesEveryHostOfEverySubnetThenOnlyTheSilentOnesAgain) {
 }
 
 TEST_F(SweepTest, ResultsArePerSubnetInHostOrderWithLateAnswersAndRepeatedSubnets) {
-  probe->present = {{Ip(198, 51, 100, 200), kHostMac}, {Ip(198, 51, 100, 3), kOurMac}, {Ip(203, 0, 113, 9), kHostMac}};
+  probe->present = {
+      {Ip(198, 51, 100, 200), kHostMac}, {Ip(198, 51, 100, 3), kOurMac}, {Ip(203, 0, 113, 9), kHostMac}};
   probe->late = {Ip(198, 51, 100, 200)};
   NativeSweep sweep(io, reporter, Opener(), kFast);
   auto result = Sweep(sweep, {"198.51.100", "10.1.2", "198.51.100", "224.1.1"});
   ASSERT_TRUE(result.has_value());
-  std::vector<ArpEntry> expected{{"198.51.100.3", "02-00-00-00-00-01"}, {"198.51.100.200", "02-00-c6-33-64-07"}};
+  std::vector<ArpEntry> expected{{"198.51.100.3", "02-00-00-00-00-01"},
+                                 {"198.51.100.200", "02-00-c6-33-64-07"}};
   EXPECT_EQ(*result, (std::vector<std::vector<ArpEntry>>{expected, {}, expected, {}}));
   // A listed subnet is probed as often as it is listed; 224.1.1 (multicast) and any address outside
   // the listed subnets never.
@@ -447,12 +456,13 @@ TEST_F(SweepTest, SweepDestroyedWhileRunningLeavesTheLoopSafe) {
 }
 
 TEST_F(SweepTest, FailuresAreReportedAndTheCallerStillHearsTheEnd) {
-  NativeSweep failing(io, reporter,
-                      [](asio::io_context&, std::error_code& ec) {
-                        ec = std::make_error_code(std::errc::permission_denied);
-                        return std::shared_ptr<platform::NeighbourProbe>();
-                      },
-                      kFast);
+  NativeSweep failing(
+      io, reporter,
+      [](asio::io_context&, std::error_code& ec) {
+        ec = std::make_error_code(std::errc::permission_denied);
+        return std::shared_ptr<platform::NeighbourProbe>();
+      },
+      kFast);
   auto result = Sweep(failing, {"198.51.100", "203.0.113"});
   ASSERT_TRUE(result.has_value());
   EXPECT_EQ(*result, (std::vector<std::vector<ArpEntry>>{{}, {}}));
@@ -483,12 +493,13 @@ TEST_F(SweepTest, AThrowingDoneIsReportedNotPropagated) {
 
 TEST_F(SweepTest, NoSubnetToProbeEndsOnTheNextTurnWithoutOpeningAProbe) {
   bool opened = false;
-  NativeSweep sweep(io, reporter,
-                    [&](asio::io_context&, std::error_code&) {
-                      opened = true;
-                      return std::shared_ptr<platform::NeighbourProbe>(probe);
-                    },
-                    kFast);
+  NativeSweep sweep(
+      io, reporter,
+      [&](asio::io_context&, std::error_code&) {
+        opened = true;
+        return std::shared_ptr<platform::NeighbourProbe>(probe);
+      },
+      kFast);
   auto result = Sweep(sweep, {"239.1.2", "nonsense"});
   ASSERT_TRUE(result.has_value());
   EXPECT_EQ(*result, (std::vector<std::vector<ArpEntry>>{{}, {}}));

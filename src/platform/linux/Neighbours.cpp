@@ -73,8 +73,8 @@ std::vector<ArpLink> LocalArpLinks() {
     sockaddr_in address, mask;
     std::memcpy(&address, a->ifa_addr, sizeof address);
     std::memcpy(&mask, a->ifa_netmask, sizeof mask);
-    links.push_back({hw->second.first, hw->second.second, ntohl(address.sin_addr.s_addr),
-                     ntohl(mask.sin_addr.s_addr)});
+    links.push_back(
+        {hw->second.first, hw->second.second, ntohl(address.sin_addr.s_addr), ntohl(mask.sin_addr.s_addr)});
   }
   freeifaddrs(list);
   return links;
@@ -159,12 +159,13 @@ class ArpRequests : public std::enable_shared_from_this<ArpRequests> {
   }
 
   void Receive() {
-    socket_.async_wait(asio::posix::stream_descriptor::wait_read, [weak = weak_from_this()](std::error_code ec) {
-      auto self = weak.lock();
-      if (!self || ec) return;
-      self->ReadReplies();
-      self->Receive();
-    });
+    socket_.async_wait(asio::posix::stream_descriptor::wait_read,
+                       [weak = weak_from_this()](std::error_code ec) {
+                         auto self = weak.lock();
+                         if (!self || ec) return;
+                         self->ReadReplies();
+                         self->Receive();
+                       });
   }
 
   void ReadReplies() {
@@ -333,7 +334,8 @@ class LinuxProbe : public NeighbourProbe {
         std::chrono::duration_cast<std::chrono::microseconds>(elapsed).count() * ticksPerSecond / 1000000);
     for (const NeighbourRecord& record : records) {
       if (!kernelProbed_.count(record.Ip)) continue;
-      if (ConfirmedDuringSweep(record, sweepTicks) || (icmpHosts_.count(record.Ip) && HasDynamicMac(record))) {
+      if (ConfirmedDuringSweep(record, sweepTicks) ||
+          (icmpHosts_.count(record.Ip) && HasDynamicMac(record))) {
         answers_.emplace(record.Ip, *record.Mac);
       }
     }

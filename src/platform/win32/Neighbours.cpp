@@ -55,9 +55,8 @@ std::map<Ipv4, Row> ReadTable(std::error_code& ec) {
     Row row;
     row.Ip = ntohl(raw.Address.Ipv4.sin_addr.s_addr);
     row.State = raw.State;
-    row.HasMac = raw.PhysicalAddressLength == 6 &&
-                 (raw.State == NlnsReachable || raw.State == NlnsStale || raw.State == NlnsDelay ||
-                  raw.State == NlnsProbe);
+    row.HasMac = raw.PhysicalAddressLength == 6 && (raw.State == NlnsReachable || raw.State == NlnsStale ||
+                                                    raw.State == NlnsDelay || raw.State == NlnsProbe);
     if (row.HasMac) std::memcpy(row.Mac.data(), raw.PhysicalAddress, 6);
     row.Raw = raw;
     rows.emplace(row.Ip, row);
