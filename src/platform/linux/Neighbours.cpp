@@ -80,13 +80,25 @@ std::vector<ArpLink> LocalArpLinks() {
   return links;
 }
 
-// The link whose network holds ip as a host address, or null.
+bool OnLink(const ArpLink& link, Ipv4 ip) {
+  return link.Mask != 0 && (ip & link.Mask) == (link.Ip & link.Mask);
+}
+
+// Our own address, or the network or broadcast address of a local network (a /24 sweep crosses them
+// where the network is smaller): no computer to look for there.
+bool NoHostThere(const std::vector<ArpLink>& links, Ipv4 ip) {
+  for (const ArpLink& link : links) {
+    if (ip == link.Ip) return true;
+    Ipv4 host = ip & ~link.Mask;
+    if (OnLink(link, ip) && link.Mask < 0xFFFFFFFE && (host == 0 || host == ~link.Mask)) return true;
+  }
+  return false;
+}
+
+// The link whose network holds ip, or null.
 const ArpLink* LinkFor(const std::vector<ArpLink>& links, Ipv4 ip) {
   for (const ArpLink& link : links) {
-    if (link.Mask == 0 || (ip & link.Mask) != (link.Ip & link.Mask) || ip == link.Ip) continue;
-    Ipv4 host = ip & ~link.Mask;
-    if (link.Mask != 0xFFFFFFFE && (host == 0 || host == ~link.Mask)) continue;
-    return &link;
+    if (OnLink(link, ip)) return &link;
   }
   return nullptr;
 }
@@ -277,6 +289,7 @@ class LinuxProbe : public NeighbourProbe {
   void Probe(const std::vector<Ipv4>& addresses) override {
     std::vector<Ipv4> viaKernel;
     for (Ipv4 ip : addresses) {
+      if (NoHostThere(links_, ip)) continue;
       const ArpLink* link = arp_ ? LinkFor(links_, ip) : nullptr;
       if (link) {
         arp_->Send(*link, ip);
