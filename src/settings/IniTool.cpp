@@ -139,6 +139,8 @@ void BackUp(const fs::path& fileName, Reporter& reporter) {
   if (!fs::exists(fileName, ec)) return;
   fs::path backup = fileName;
   backup += "_bck";
+  // A fresh copy costs far less than truncating the old backup, which makes some file systems flush.
+  fs::remove(backup, ec);
   fs::copy_file(fileName, backup, fs::copy_options::overwrite_existing, ec);
   if (ec) reporter.WriteLog(kModule, "IniTool Save ", FileError(ec));
 }
