@@ -119,9 +119,15 @@ std::optional<ArpPacket> ParseArp(const std::uint8_t* data, std::size_t size) {
   return packet;
 }
 
+bool IsHostMac(const MacAddress& mac) {
+  bool zero = true;
+  for (std::uint8_t b : mac) zero = zero && b == 0;
+  return !zero && (mac[0] & 0x01) == 0;
+}
+
 bool AnswersUs(const ArpPacket& packet, const MacAddress& ourMac, Ipv4 ourIp) {
   return packet.Operation == kArpOpReply && packet.TargetIp == ourIp && packet.TargetMac == ourMac &&
-         packet.SenderIp != ourIp;
+         packet.SenderIp != ourIp && IsHostMac(packet.SenderMac);
 }
 
 NeighbourDumpPart ParseNeighbourDump(const std::uint8_t* data, std::size_t size) {
@@ -165,7 +171,7 @@ std::string NeighbourDumpRequest(std::uint32_t sequence) {
 
 bool HasDynamicMac(const NeighbourRecord& record) {
   constexpr std::uint16_t kDynamicWithMac = kNudReachable | kNudStale | kNudDelay | kNudProbe;
-  return record.Mac.has_value() && (record.State & kDynamicWithMac) != 0 &&
+  return record.Mac.has_value() && IsHostMac(*record.Mac) && (record.State & kDynamicWithMac) != 0 &&
          (record.State & (kNudPermanent | kNudNoArp)) == 0;
 }
 

@@ -27,7 +27,12 @@ struct ArpPacket {
 // An Ethernet/IPv4 ARP packet (without the Ethernet header), or nothing for anything else.
 std::optional<ArpPacket> ParseArp(const std::uint8_t* data, std::size_t size);
 
-// True when packet answers a request that we (ourMac, ourIp) sent: a reply addressed to us.
+// A MAC a computer can have: not all zeros (what an unresolved entry shows on some systems), not a
+// group (multicast or broadcast) address.
+bool IsHostMac(const MacAddress& mac);
+
+// True when packet answers a request that we (ourMac, ourIp) sent: a reply addressed to us, from a
+// computer's MAC.
 bool AnswersUs(const ArpPacket& packet, const MacAddress& ourMac, Ipv4 ourIp);
 
 // One IPv4 entry of the Linux neighbour table, from an RTM_NEWNEIGH message.

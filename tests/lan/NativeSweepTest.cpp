@@ -149,6 +149,8 @@ TEST(ArpPackets, OnlyAReplyToOurOwnAddressCounts) {
   EXPECT_FALSE(check(ReplyBytes(kHostMac, host, kOurMac, Ip(198, 51, 100, 9))));  // to someone else
   EXPECT_FALSE(check(ReplyBytes(kHostMac, host, kHostMac, ours)));                // to another MAC
   EXPECT_FALSE(check(ReplyBytes(kHostMac, ours, kOurMac, ours)));                 // our own address
+  EXPECT_FALSE(check(ReplyBytes(MacAddress{}, host, kOurMac, ours)));             // no MAC
+  EXPECT_FALSE(check(ReplyBytes(MacAddress{0x01, 0, 0x5e, 0, 0, 1}, host, kOurMac, ours)));  // a group MAC
 }
 
 // --- the Linux neighbour table dump -----------------------------------------------------------------
@@ -324,6 +326,11 @@ TEST(Freshness, AnIcmpErrorProvesTheHostOnlyWhenTheHostSentIt) {
   EXPECT_FALSE(platform::IcmpShowsHost(11, 0, host, host));   // time exceeded
   EXPECT_TRUE(platform::HasDynamicMac(Record(platform::kNudStale, 99999)));
   EXPECT_FALSE(platform::HasDynamicMac(Record(platform::kNudStale, 0, false)));
+  // Unresolved entries show up with an all-zero MAC on some systems.
+  platform::NeighbourRecord zero = Record(platform::kNudReachable, 0);
+  zero.Mac = MacAddress{};
+  EXPECT_FALSE(platform::HasDynamicMac(zero));
+  EXPECT_FALSE(platform::ConfirmedDuringSweep(zero, 80));
 }
 
 // --- the sweep over a probe the test controls ------------------------------------------------------

@@ -15,6 +15,7 @@
 #include <set>
 #include <thread>
 
+#include "platform/NeighbourWire.h"
 #include "platform/UdpProbes.h"
 
 // How a sweep learns who is there, on Windows.
@@ -26,12 +27,22 @@
 // ResolveIpNetEntry2, which drops the entry and asks by ARP again. That call blocks until it has an
 // answer or gives up (seconds for an absent computer), so it runs on worker threads that only fill a
 // locked result set the sweep reads; a departed computer is thus simply missing at the deadline.
-// Where the call is refused, a held entry counts only while Windows itself holds it as reachable.
+// Where the call is refused or missing (Wine has only a stub of it, which ends the process when
+// called), a held entry counts only while Windows itself holds it as reachable.
 namespace tavrel::platform {
 
 namespace {
 
 constexpr std::size_t kWorkers = 16;
+
+using ResolveFunction = DWORD(WINAPI*)(PMIB_IPNET_ROW2, const SOCKADDR_INET*);
+
+ResolveFunction FindResolve() {
+  if (GetProcAddress(GetModuleHandleA("ntdll.dll"), "wine_get_version")) return nullptr;
+  HMODULE iphlpapi = GetModuleHandleA("iphlpapi.dll");
+  FARPROC found = iphlpapi ? GetProcAddress(iphlpapi, "ResolveIpNetEntry2") : nullptr;
+  return reinterpret_cast<ResolveFunction>(reinterpret_cast<void (*)()>(found));
+}
 
 struct Row {
   Ipv4 Ip = 0;
@@ -58,6 +69,7 @@ std::map<Ipv4, Row> ReadTable(std::error_code& ec) {
     row.HasMac = raw.PhysicalAddressLength == 6 && (raw.State == NlnsReachable || raw.State == NlnsStale ||
                                                     raw.State == NlnsDelay || raw.State == NlnsProbe);
     if (row.HasMac) std::memcpy(row.Mac.data(), raw.PhysicalAddress, 6);
+    row.HasMac = row.HasMac && IsHostMac(row.Mac);
     row.Raw = raw;
     rows.emplace(row.Ip, row);
   }
@@ -73,7 +85,7 @@ struct Resolved {
   std::set<Ipv4> refused;  // the OS would not resolve: judge by the table's state instead
 };
 
-void ResolveWorker(std::shared_ptr<Resolved> resolved) {
+void ResolveWorker(std::shared_ptr<Resolved> resolved, ResolveFunction resolve) {
   for (;;) {
     MIB_IPNET_ROW2 row;
     {
@@ -83,11 +95,11 @@ void ResolveWorker(std::shared_ptr<Resolved> resolved) {
       resolved->pending.pop_front();
     }
     Ipv4 ip = ntohl(row.Address.Ipv4.sin_addr.s_addr);
-    DWORD result = ResolveIpNetEntry2(&row, nullptr);
+    DWORD result = resolve(&row, nullptr);
     std::lock_guard<std::mutex> hold(resolved->lock);
-    if (result == NO_ERROR && row.PhysicalAddressLength == 6) {
-      MacAddress mac;
-      std::memcpy(mac.data(), row.PhysicalAddress, 6);
+    MacAddress mac{};
+    if (row.PhysicalAddressLength == 6) std::memcpy(mac.data(), row.PhysicalAddress, 6);
+    if (result == NO_ERROR && IsHostMac(mac)) {
       resolved->present.emplace(ip, mac);
     } else if (result != ERROR_BAD_NET_NAME && result != ERROR_NETWORK_UNREACHABLE &&
                result != ERROR_HOST_UNREACHABLE && result != NO_ERROR) {
@@ -114,6 +126,13 @@ class WindowsProbe : public NeighbourProbe {
     }
     udp_->Send(addresses);
     if (recheck.empty()) return;
+    static const ResolveFunction resolve = FindResolve();
+    if (!resolve) {
+      std::lock_guard<std::mutex> hold(resolved_->lock);
+      for (const MIB_IPNET_ROW2& row : recheck)
+        resolved_->refused.insert(ntohl(row.Address.Ipv4.sin_addr.s_addr));
+      return;
+    }
     std::size_t workers = 0;
     {
       std::lock_guard<std::mutex> hold(resolved_->lock);
@@ -122,7 +141,7 @@ class WindowsProbe : public NeighbourProbe {
     }
     // Detached: a worker may outlive the sweep while Windows gives up on a departed computer; it holds
     // only the shared result set.
-    for (std::size_t i = 0; i < workers; ++i) std::thread(ResolveWorker, resolved_).detach();
+    for (std::size_t i = 0; i < workers; ++i) std::thread(ResolveWorker, resolved_, resolve).detach();
   }
 
   std::vector<Neighbour> Answered() override {
