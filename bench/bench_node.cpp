@@ -122,6 +122,10 @@ struct Node {
       kill(pid, SIGTERM);
       waitpid(pid, nullptr, 0);
     }
+    // Anything the node logged during the run is worth seeing beside the figures.
+    std::ifstream log(home / "Data" / "tavrel.txt");
+    std::string line;
+    for (int n = 0; n < 5 && std::getline(log, line); ++n) std::printf("  node log: %s\n", line.c_str());
     std::filesystem::remove_all(home);
   }
 };

@@ -121,6 +121,9 @@ bool XapTransport::BindListener(int port) {
     socket.close(ec);
     return false;
   }
+  socket.non_blocking(true, ec);
+  // Room for a burst; the kernel caps the request at its own limit.
+  socket.set_option(asio::socket_base::receive_buffer_size(4 << 20), ec);
   localPort_ = port;
   return true;
 }
@@ -131,21 +134,35 @@ bool XapTransport::OpenSender(std::error_code& ec) {
   if (!ec) socket.set_option(asio::socket_base::broadcast(true), ec);
   // Bound at once, so its receive (replies to our port) is valid before the first send.
   if (!ec) socket.bind(udp::endpoint(asio::ip::address_v4::any(), 0), ec);
-  // A full send buffer fails the send (and is logged) rather than stalling the loop.
+  // A full send buffer fails the send (and is logged) rather than stalling the loop; receives are
+  // made only when a datagram waits.
   if (!ec) socket.non_blocking(true, ec);
   return !ec;
 }
 
+// Receiving waits for readiness and then reads every datagram that is waiting, without blocking. No
+// receive is ever left pending on a socket, so GetMessage can read the socket too: a long drain of the
+// queue keeps taking new datagrams in, and the kernel buffer never overflows behind a busy handler.
 void XapTransport::StartReceive(const std::shared_ptr<Receiver>& receiver) {
-  // The handler holds the receiver, so its buffer outlives any receive still pending at Close.
-  receiver->socket.async_receive_from(
-      asio::buffer(receiver->buffer), receiver->from,
-      [this, receiver, alive = std::weak_ptr<int>(alive_)](const std::error_code& ec, size_t size) {
+  // The handler holds the receiver, so its buffer outlives a wait still pending at Close.
+  receiver->socket.async_wait(
+      udp::socket::wait_read,
+      [this, receiver, alive = std::weak_ptr<int>(alive_)](const std::error_code& ec) {
         if (ec == asio::error::operation_aborted || alive.expired() || !receiver->socket.is_open()) return;
-        // Any other error (a port-unreachable reported back on Windows, say) leaves the socket usable.
-        if (!ec) ProcessReceivedMessage(std::string(receiver->buffer.data(), size));
+        ReadWaiting(*receiver);
         StartReceive(receiver);
       });
+}
+
+void XapTransport::ReadWaiting(Receiver& receiver) {
+  // Bounded, so a flood still lets timers and the other socket have their turn.
+  for (int i = 0; i < 4096 && receiver.socket.is_open(); ++i) {
+    std::error_code ec;
+    const size_t size = receiver.socket.receive_from(asio::buffer(receiver.buffer), receiver.from, 0, ec);
+    if (ec == asio::error::would_block || ec == asio::error::try_again) return;
+    // Any other error (a port-unreachable reported back on Windows, say) leaves the socket usable.
+    if (!ec) ProcessReceivedMessage(std::string(receiver.buffer.data(), size));
+  }
 }
 
 void XapTransport::SendHeartbeat(long interval) {
@@ -233,6 +250,7 @@ void XapTransport::OnReceiveTimer() {
 }
 
 std::string XapTransport::GetMessage() {
+  if (listener_) ReadWaiting(*listener_);
   if (queue_.empty()) return {};
   std::string text = std::move(queue_.front());
   queue_.pop_front();

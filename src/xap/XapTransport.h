@@ -109,6 +109,7 @@ class XapTransport final : public XapSendOperation {
   bool OpenSender(std::error_code& ec);
   void CloseSockets();
   void StartReceive(const std::shared_ptr<Receiver>& receiver);
+  void ReadWaiting(Receiver& receiver);
   void StartHeartbeatTimer();
   void WaitHeartbeat();
   void OnHeartbeatTick();
