@@ -86,10 +86,10 @@ struct SweepRun {
 
 // The sweep's timing, measured on the namespace testbed (scripts/testbed.sh, bench/sweep.sh): a live
 // host there answers within 1 ms, one made 200 ms late within 201 ms of its request.
-// - RetryAfter 300 ms: addresses still silent then get a second probe, so one lost request or reply
-//   on a busy or wireless link does not lose the host. It lies past the late host's 200 ms, so that
-//   host is not asked twice, and past the time the first round takes to send (170 ms for 1,016 probes
-//   on the testbed, where each broadcast reaches 200 namespaces).
+// - RetryAfter 300 ms: addresses still silent then are asked once more, so a request or reply lost on
+//   a busy or wireless link does not lose the host. It lies past the 200 ms a late host takes, so
+//   such a host is normally asked once, and past the time the first round takes to leave (under
+//   170 ms for 1,016 probes even on the testbed, where every broadcast reaches 200 namespaces).
 // - Deadline 800 ms: a host 200 ms late still answers the second probe well before it (300 + 200 ms),
 //   and the rest is margin for slow links (Wi-Fi clients in power save answer a beacon interval or
 //   three late, 100-300 ms) and busy machines. The sweep ends there, whatever is still missing; one
