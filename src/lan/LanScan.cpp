@@ -144,8 +144,13 @@ LanScan::Method LanScan::ScanMethod(bool logFallback) const {
   return haveCmd ? Method::Batch : Method::Native;
 }
 
+// CMD.EXE wants "\" in the paths of the batch files, whatever form the home was given in.
+std::string LanScan::BatchFolder() const {
+  return BatchTempFolder(fs::path(home_).make_preferred().string());
+}
+
 fs::path LanScan::LogFolder(Method method) const {
-  if (method == Method::Batch) return fs::path(BatchTempFolder(home_.string()));
+  if (method == Method::Batch) return fs::path(BatchFolder());
   return home_ / "Temp";
 }
 
@@ -183,7 +188,7 @@ void LanScan::StartBatchSweep(int i, const std::string& subnet) {
       reporter_.ReportEvent(kModule, kBuildLabel, Err::From(e));
     }
   };
-  const std::string temp = BatchTempFolder(home_.string());
+  const std::string temp = BatchFolder();
   const fs::path folder(temp);
   const size_t n = static_cast<size_t>(i);
   // A fresh Windows has no drive Temp folder; without it no sweep could ever run.

@@ -63,6 +63,7 @@ class LanScan {
 
   std::optional<std::vector<std::string>> SubnetList(bool forTimer) const;
   Method ScanMethod(bool logFallback) const;
+  std::string BatchFolder() const;
   std::filesystem::path LogFolder(Method method) const;
 
   void StartBatchSweep(int i, const std::string& subnet);
