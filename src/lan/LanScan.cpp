@@ -19,7 +19,7 @@ constexpr std::string_view kWol = "WOL";
 constexpr std::string_view kBuildLabel = "BuildARPTable";
 constexpr std::string_view kTimerLabel = "ARPTimer_Timer";
 
-// What the original runtime raised for these two faults.
+// These two faults carry the run-time error numbers and texts of the classic runtime.
 const Err kNoDotInLocalIP{5, "Invalid procedure call or argument"};
 const Err kShortArpLine{9, "Subscript out of range"};
 
