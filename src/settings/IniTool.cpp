@@ -18,6 +18,7 @@ namespace tavrel {
 namespace {
 
 constexpr char kSeparator = '~';
+constexpr std::string_view kSeparatorText = "~";
 
 std::string ValueKey(std::string_view section, std::string_view key) {
   std::string k = UCase(section);
@@ -99,6 +100,17 @@ void TakeLine(std::string_view line, std::string& sectionKey, OrderedDict<std::s
   table.Add(key, std::string(line.substr(equal + 1)));  // the first of duplicate keys wins
 }
 
+void Parse(std::string_view text, OrderedDict<std::string>& table, Reporter& reporter) {
+  std::string sectionKey;  // lines before the first header belong to the section ""
+  size_t pos = 0;
+  while (pos < text.size()) {
+    size_t newline = text.find('\n', pos);
+    size_t end = newline == std::string_view::npos ? text.size() : newline;
+    TakeLine(CleanLine(text.substr(pos, end - pos)), sectionKey, table, reporter);
+    pos = end + 1;
+  }
+}
+
 // The file text of the table: every entry whose key holds the separator is a row (header before it, key
 // after it), sorted by header and then key without regard to case; a header line opens each new header.
 // The rows of the section "" come first and need no header line.
@@ -170,17 +182,6 @@ void WriteReplacing(const fs::path& fileName, const std::string& text, Reporter&
   }
 }
 
-void Parse(std::string_view text, OrderedDict<std::string>& table, Reporter& reporter) {
-  std::string sectionKey;  // lines before the first header belong to the section ""
-  size_t pos = 0;
-  while (pos < text.size()) {
-    size_t newline = text.find('\n', pos);
-    size_t end = newline == std::string_view::npos ? text.size() : newline;
-    TakeLine(CleanLine(text.substr(pos, end - pos)), sectionKey, table, reporter);
-    pos = end + 1;
-  }
-}
-
 }  // namespace
 
 void IniTool::Load(const fs::path& fileName) {
@@ -237,7 +238,7 @@ std::vector<std::string> IniTool::Sections() const {
     any = true;
   }
   if (!any) return {};
-  return Split(joined, std::string_view(&kSeparator, 1));
+  return Split(joined, kSeparatorText);
 }
 
 std::vector<std::string> IniTool::Keys(std::string_view section) const {
@@ -245,18 +246,22 @@ std::vector<std::string> IniTool::Keys(std::string_view section) const {
   std::string joined;
   for (const auto& entry : table_) {
     if (!pattern.Matches(entry.key)) continue;
-    std::string name = Trim(After(entry.key, std::string_view(&kSeparator, 1)));
+    std::string name = Trim(After(entry.key, kSeparatorText));
     if (name.empty()) continue;
     joined += name;
     joined += kSeparator;
   }
   if (!joined.empty()) joined.pop_back();
-  auto names = Split(joined, std::string_view(&kSeparator, 1));
+  auto names = Split(joined, kSeparatorText);
   if (names.empty()) names.emplace_back();
   return names;
 }
 
 void IniTool::Save() {
+  if (fileName_.empty()) {
+    reporter_.WriteLog(kModule, "IniTool Save ", Err::Of("Bad file name or number", 52));
+    return;
+  }
   try {
     std::string text = Render(table_);
     BackUp(fileName_, reporter_);

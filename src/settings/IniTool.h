@@ -26,14 +26,15 @@ class IniTool {
   void RemoveSection(std::string_view section);
   // All section names as written; empty when there is none.
   std::vector<std::string> Sections() const;
-  // The upper-case key names of the section; the name is a pattern (see IniTool.cpp). No match gives
-  // one empty element.
+  // The upper-case key names of the section; the name is a pattern (see SectionPattern.h). No match
+  // gives one empty element.
   std::vector<std::string> Keys(std::string_view section) const;
   void Clear() { table_.RemoveAll(); }
   void Save();
 
   const std::filesystem::path& FileName() const { return fileName_; }
-  // The value entries in table order, for callers that walk a section (key: "SECTION~KEY").
+  // The whole table in order: section entries (key: the upper-case name) and value entries
+  // (key: "SECTION~KEY"), for callers that walk a section.
   const OrderedDict<std::string>& Table() const { return table_; }
 
  private:

@@ -132,6 +132,12 @@ TEST_F(IniToolTest, FolderInPlaceOfTheFileReadsEmptyAndCannotBeSaved) {
   EXPECT_FALSE(SaveErrors().empty());
   EXPECT_TRUE(std::filesystem::is_directory(File() / "inner"));
   EXPECT_FALSE(std::filesystem::exists(File().string() + ".tmp"));
+
+  const size_t before = SaveErrors().size();
+  IniTool neverLoaded(reporter_);
+  neverLoaded.WriteKey("a", "b", "c");
+  neverLoaded.Save();
+  EXPECT_EQ(SaveErrors().size(), before + 1);
 }
 
 TEST_F(IniToolTest, SaveWritesSortedUpperCaseNamesAndKeepsABackup) {
@@ -189,6 +195,15 @@ TEST_F(IniToolTest, KeysTakeTheSectionNameAsAPattern) {
   // A pattern selects keys of several sections but removes only those of its own name.
   ini.RemoveSection("A.B");
   EXPECT_EQ(ini.Keys("a.b"), Names{"TWO"});
+}
+
+TEST_F(IniToolTest, HostilePatternsAnswerWithoutBacktrackingForever) {
+  auto& ini = LoadText("[a]\n" + std::string(100000, 'a') + "=1\n[x]\nk=2\n");
+  EXPECT_EQ(ini.Keys("a~(a*)*"), Names{""});
+  EXPECT_EQ(ini.Keys("a~.*b"), Names{""});
+  EXPECT_EQ(ini.Keys("q|.*z"), Names{""});
+  EXPECT_EQ(ini.Keys("x|.*"), (Names{std::string(100000, 'A'), "K"}));
+  EXPECT_EQ(ini.Keys(std::string(200, '(')), Names{""});
 }
 
 TEST_F(IniToolTest, AFailedWriteLeavesThePreviousFile) {
