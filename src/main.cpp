@@ -59,10 +59,8 @@ int RunService(const CommandLine& cmd) {
   asio::io_context io;
   SystemClock clock;
   Tavrel app(io, ResolveHome(cmd), clock, Tavrel::Options{cmd.debug, cmd.noTray});
-  if (!app.form_load()) {
-    std::cerr << "tavrel: start-up failed; see " << app.Reports().FilePath().string() << "\n";
-    return 1;
-  }
+  // The signals are caught from the very start: one that comes while the program starts up is
+  // handled once the loop runs, instead of ending the process.
   asio::signal_set exitSignals(io, SIGINT, SIGTERM);
   exitSignals.async_wait([&](const std::error_code& ec, int) {
     if (!ec) app.MenuArray_Click(Tavrel::kExit);
@@ -77,6 +75,10 @@ int RunService(const CommandLine& cmd) {
   };
   scanSignal.async_wait(onScan);
 #endif
+  if (!app.form_load()) {
+    std::cerr << "tavrel: start-up failed; see " << app.Reports().FilePath().string() << "\n";
+    return 1;
+  }
   io.run();
   return 0;
 }

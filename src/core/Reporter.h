@@ -3,6 +3,7 @@
 #include <string_view>
 
 #include "core/Err.h"
+#include "platform/SystemHeaders.h"
 
 namespace tavrel {
 

@@ -1,7 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <arpa/inet.h>
-
 #include <asio/ip/udp.hpp>
 
 #include "TestSupport.h"
