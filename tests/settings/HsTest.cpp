@@ -11,6 +11,8 @@
 namespace tavrel {
 namespace {
 
+using namespace std::string_literals;
+
 using test::ReadFile;
 using test::WriteFile;
 
@@ -50,8 +52,8 @@ TEST_F(HsTest, EveryCallSeesTheFileAsItIsNow) {
 
 TEST_F(HsTest, SectionComesAsPairsSeparatedByNul) {
   WriteFile(Config() / "tavrel.ini", "[Computer]\npc1=10.0.0.5\npc2=\n[s]\na=1\nb=2\n");
-  EXPECT_EQ(hs_.GetINISection("s", "tavrel.ini"), std::string("A=1\0B=2", 7));
-  EXPECT_EQ(hs_.GetINISection("computer", "tavrel.ini"), std::string("PC1=10.0.0.5\0PC2=", 17));
+  EXPECT_EQ(hs_.GetINISection("s", "tavrel.ini"), "A=1\0B=2"s);
+  EXPECT_EQ(hs_.GetINISection("computer", "tavrel.ini"), "PC1=10.0.0.5\0PC2="s);
   // A section without keys gives the one empty name and its (empty) value.
   EXPECT_EQ(hs_.GetINISection("none", "tavrel.ini"), "=");
 }

@@ -12,6 +12,8 @@
 namespace tavrel {
 namespace {
 
+using namespace std::string_literals;
+
 using test::ReadFile;
 using test::WriteFile;
 using Names = std::vector<std::string>;
@@ -104,8 +106,8 @@ TEST_F(IniToolTest, ReadsLfCrLfAndAMissingLastLineEnd) {
 
 TEST_F(IniToolTest, HostileBytesNeverBreakTheFile) {
   // NUL bytes are ordinary text; a file of lone carriage returns is one line.
-  auto& ini = LoadText(std::string("[n\0l]\nk=a\0b\n", 13));
-  EXPECT_EQ(ini.Read(std::string("N\0L", 3), "K", ""), std::string("a\0b", 3));
+  auto& ini = LoadText("[n\0l]\nk=a\0b\n"s);
+  EXPECT_EQ(ini.Read("N\0L"s, "K", ""), "a\0b"s);
   EXPECT_EQ(Resaved("[a]\rk=1\rl=2\r"), Lines({"[A]\rK=1\rl=2"}));
   EXPECT_EQ(ini_.Sections(), Names{});
 
