@@ -76,7 +76,7 @@ class XapHandlerTest : public ::testing::Test {
                                           "zel.WOL.host1", kPath}};
 };
 
-// ---- learning the sender ----
+// Learning the sender
 
 TEST_F(XapHandlerTest, UnknownSenderIsLearnedOnceAndQueriedOnce) {
   const std::string heartbeat =
@@ -162,7 +162,7 @@ TEST_F(XapHandlerTest, MessageWithoutSourceIsDroppedBeforeAnyClassIsHandled) {
   EXPECT_FALSE(table_.Computers.Exists("pc8"));
 }
 
-// ---- Homeseer.Role ----
+// Homeseer.Role
 
 TEST_F(XapHandlerTest, RoleQueryForUsOrAnyIsAnsweredThroughTheTransport) {
   for (const std::string role : {"Computer Management", "computer MANAGEMENT", "ANY", "any"}) {
@@ -184,7 +184,7 @@ TEST_F(XapHandlerTest, RoleQueryForAnotherRoleIsIgnored) {
   EXPECT_TRUE(NothingSent());
 }
 
-// ---- Computer.Process: wake ----
+// Computer.Process: wake
 
 TEST_F(XapHandlerTest, WolControlWakesTheTargetComputer) {
   for (const std::string action : {"WOL", "wol", "Wol"}) {
@@ -214,7 +214,7 @@ TEST_F(XapHandlerTest, WolControlWithAFailedLookupDoesNothing) {
   EXPECT_TRUE(NothingSent());
 }
 
-// ---- Computer.Process: query ----
+// Computer.Process: query
 
 TEST_F(XapHandlerTest, ComputerQueryIsAnsweredWithTheAddressUnderMacAndIp) {
   const std::string answer = "MAC\001198.51.100.7\0IP\001198.51.100.7\0Name\001pc7"s;
@@ -254,7 +254,7 @@ TEST_F(XapHandlerTest, ComputerQueryNeedsKnownNameAndAddress) {
   EXPECT_EQ(xapSent_.sent[0].Body, "MAC\001198.51.100.7\0IP\001198.51.100.7\0Name\001*"s);
 }
 
-// ---- WDT.Echo ----
+// WDT.Echo
 
 TEST_F(XapHandlerTest, EchoToThisNodeIsAnsweredLowerCased) {
   for (const std::string target : {"zel.WOL.host1", "ZEL.wol.HOST1", "zel.WOL.*", "zel.>", ""}) {
@@ -274,7 +274,7 @@ TEST_F(XapHandlerTest, EchoForOthersOrWithoutQueryIsIgnored) {
   EXPECT_TRUE(NothingSent());
 }
 
-// ---- Time.Today ----
+// Time.Today
 
 TEST_F(XapHandlerTest, TimeTodayStoresSunriseAndSunsetAsReceived) {
   handler_.Handle(
@@ -288,7 +288,7 @@ TEST_F(XapHandlerTest, TimeTodayStoresSunriseAndSunsetAsReceived) {
   EXPECT_TRUE(NothingSent());
 }
 
-// ---- failures ----
+// Failures
 
 TEST_F(XapHandlerTest, FailureIsReportedWithPositionsAndRenderedText) {
   wolFailure_ = "no adapter";
