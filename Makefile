@@ -1,6 +1,6 @@
 # Thin wrapper over the CMake presets. `make run` builds and starts the service; `make test` builds and
 # runs every test (Linux debug, sanitizers, and the Windows build under Wine).
-.PHONY: deps deps-build run build test test-dev test-asan test-windows bench fuzz format clean
+.PHONY: deps deps-build run build test test-dev test-asan test-windows test-fuzz bench fuzz format clean
 
 JOBS ?= $(shell nproc)
 
@@ -17,7 +17,7 @@ build: deps-build
 run: build
 	./build/release/tavrel $(ARGS)
 
-test: deps test-dev test-asan test-windows
+test: deps test-dev test-asan test-windows test-fuzz
 
 test-dev:
 	cmake --preset dev >/dev/null
@@ -40,9 +40,11 @@ bench:
 	cmake --build --preset bench -j $(JOBS)
 	bash bench/run-all.sh
 
+test-fuzz:
+	scripts/fuzz-smoke.sh
+
 fuzz: deps
-	cmake --preset fuzz >/dev/null
-	cmake --build --preset fuzz -j $(JOBS)
+	FUZZ_SECONDS=$${FUZZ_SECONDS:-300} scripts/fuzz-smoke.sh
 
 format:
 	clang-format -i $$(git ls-files '*.cpp' '*.h')

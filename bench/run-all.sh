@@ -1,0 +1,21 @@
+#!/usr/bin/env bash
+# Every benchmark, each beside its reference, in one run. Expects the bench preset built
+# (`make bench` does both). Everything stays on loopback or inside namespaces the scripts create.
+set -uo pipefail
+root="$(cd "$(dirname "$0")/.." && pwd)"
+build="$root/build/bench"
+
+echo "== micro-benchmarks (ours beside a plain reference in the same program)"
+for b in bench_ini bench_xap bench_handler; do
+  "$build/bench/$b" --benchmark_min_time=0.3 2>/dev/null | grep -E '^[A-Za-z]'
+done
+
+echo "== the node over loopback"
+"$build/bench/bench_node" "$build/tavrel" all
+
+echo "== LAN sweep on the namespace testbed"
+if [ "$(id -u)" -eq 0 ]; then
+  bash "$root/bench/sweep.sh" "$build/tavrel"
+else
+  echo "skipped: the sweep benchmark needs root for its network namespaces"
+fi
