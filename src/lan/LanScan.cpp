@@ -197,9 +197,10 @@ void LanScan::StartBatchSweep(int i, const std::string& subnet) {
   const std::pair<std::string, const std::string*> batches[] = {{ScanFile("p", n, ".bat"), &files.p},
                                                                 {ScanFile("p2", n, ".bat"), &files.p2},
                                                                 {ScanFile("p3", n, ".bat"), &files.p3}};
-  for (const auto& [name, content] : batches) {
+  for (const auto& batch : batches) {
+    const std::string& name = batch.first;
     step([&] { RemoveIfExists(folder / name); });
-    step([&] { WriteBytes(folder / name, *content); });
+    step([&] { WriteBytes(folder / name, *batch.second); });
   }
   step([&] { RemoveIfExists(folder / ScanFile("p", n, ".log")); });
   step([&] { WatchProcess(platform::Process::StartCommand(temp + "\\" + ScanFile("p3", n, ".bat"))); });
