@@ -1,10 +1,10 @@
 // Messages handled per second by the message handler in-process, for the two kinds a busy network
 // brings most: an echo query (parsed, answered) and a known computer's heartbeat-like message (parsed,
 // sender marked seen). The reference is parsing the same text alone, the floor of any handling.
-#include <benchmark/benchmark.h>
-
 #include <filesystem>
 #include <string>
+
+#include <benchmark/benchmark.h>
 
 #include "core/Clock.h"
 #include "core/ComputerTable.h"

@@ -2,14 +2,14 @@
 // and reading, loading and saving one change, and reading a whole section through the settings object.
 // Beside them the floors: reading the same file into a std::map with std::getline, and that plus writing
 // it back through a temporary file renamed over the original.
-#include <benchmark/benchmark.h>
-
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <map>
 #include <random>
 #include <string>
+
+#include <benchmark/benchmark.h>
 
 #include "settings/Hs.h"
 #include "settings/IniTool.h"

@@ -1,7 +1,8 @@
 // Whole-program measurements of the xAP node, each beside a reference in the same run:
 //   burst:   10,000 echo queries sent at once over loopback; how many the node answers and how fast,
 //            against a bare receive-and-answer loop on a plain socket.
-//   startup: time from start until the program answers an echo query, and idle resident memory with 1,000 computers in
+//   startup: time from start until the program answers an echo query, and idle resident memory with 1,000
+//   computers in
 //            tavrel.ini, against a bare program that binds a socket and sends one datagram.
 // Usage: bench_node TAVREL_BINARY [burst|startup|all]. Everything stays on 127.0.0.1.
 #include <arpa/inet.h>
@@ -83,8 +84,10 @@ std::string Field(const std::string& text, const std::string& key) {
 }
 
 std::string EchoQuery(int i) {
-  return "xap-header\n{\nv=12\nhop=1\nuid=FF123400\nclass=WDT.Echo\nsource=bench.burst.hub\n}\nEcho.Query\n{\n"
-         "Query=q" + std::to_string(i) + "\n}\n";
+  return "xap-header\n{\nv=12\nhop=1\nuid=FF123400\nclass=WDT.Echo\nsource=bench.burst.hub\n}\nEcho.Query\n{"
+         "\n"
+         "Query=q" +
+         std::to_string(i) + "\n}\n";
 }
 
 // Addresses from the two documentation ranges only; the node never contacts them at start.
@@ -211,9 +214,10 @@ void RunBurst(const std::string& binary) {
   loop.join();
   close(bare);
   close(hub);
-  std::printf("burst: node answered %d/%d in %.1f ms (%.0f msg/s); bare loop %d/%d in %.1f ms; node/bare time %.2f\n",
-              nodeAnswers, kBurst, nodeMs, nodeAnswers / (nodeMs / 1000.0), bareAnswers, kBurst, bareMs,
-              nodeMs / bareMs);
+  std::printf(
+      "burst: node answered %d/%d in %.1f ms (%.0f msg/s); bare loop %d/%d in %.1f ms; node/bare time %.2f\n",
+      nodeAnswers, kBurst, nodeMs, nodeAnswers / (nodeMs / 1000.0), bareAnswers, kBurst, bareMs,
+      nodeMs / bareMs);
 }
 
 // Start-up is over when the program answers: the first datagram it sends names its port, an echo
@@ -267,11 +271,12 @@ void RunStartup(const std::string& binary) {
     waitpid(pid, nullptr, 0);
     close(hub);
   }
-  std::printf("startup: node with 1,000 computers: ready (answers) after %.1f ms, idle RSS %ld KiB, "
-              "CPU over 5 s idle %ld ticks; bare socket program %.1f ms, %ld KiB; ratios %.2f (time) "
-              "%.2f (memory)\n",
-              nodeMs / kRuns, nodeRss, idleTicks, bareMs / kRuns, bareRss, nodeMs / bareMs,
-              static_cast<double>(nodeRss) / static_cast<double>(bareRss));
+  std::printf(
+      "startup: node with 1,000 computers: ready (answers) after %.1f ms, idle RSS %ld KiB, "
+      "CPU over 5 s idle %ld ticks; bare socket program %.1f ms, %ld KiB; ratios %.2f (time) "
+      "%.2f (memory)\n",
+      nodeMs / kRuns, nodeRss, idleTicks, bareMs / kRuns, bareRss, nodeMs / bareMs,
+      static_cast<double>(nodeRss) / static_cast<double>(bareRss));
 }
 
 }  // namespace

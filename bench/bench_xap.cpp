@@ -1,11 +1,11 @@
 // The xAP message on the hot path of every received datagram: parsing a typical computer query and
 // reading its values, and building an answer. Each is measured beside a reference that does the same
 // work with plain std::string find and append, the floor any parser of this text could reach.
-#include <benchmark/benchmark.h>
-
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include <benchmark/benchmark.h>
 
 #include "xap/XapMessage.h"
 

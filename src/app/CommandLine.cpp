@@ -74,7 +74,8 @@ std::string UsageText() {
          "  --home DIR   the folder holding Config/, Data/, HTML/ and Scripts/ (else $TAVREL_HOME,\n"
          "               else the program's folder if writable, else the per-user data folder)\n"
          "  --debug      set the debug flag (for the HTTP server's debug log; the server is not built yet)\n"
-         "  --no-tray    no notification-area icon (the icon is not built yet: the service runs without one)\n"
+         "  --no-tray    no notification-area icon (the icon is not built yet: the service runs without "
+         "one)\n"
          "\n"
          "While running: SIGINT or SIGTERM exits (the tray menu's \"Exit\"); on Linux SIGUSR1 starts a LAN\n"
          "scan (the tray menu's \"Query LAN\").\n";

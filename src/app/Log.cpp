@@ -27,7 +27,8 @@ void Log::ReportEvent(std::string_view module, std::string_view text, const Err&
   std::string data(text);
   if (err.IsSet()) data.append(" Line ").append(std::to_string(err.Line)).append(" ").append(err.Description);
   const std::string time = FormatDateTime(clock_.Now());
-  xap_.SendXap("", "Homeseer.Event", "Event.Log", XapBody({{"Time", time}, {"Type", module}, {"Data", data}}));
+  xap_.SendXap("", "Homeseer.Event", "Event.Log",
+               XapBody({{"Time", time}, {"Type", module}, {"Data", data}}));
 }
 
 }  // namespace tavrel

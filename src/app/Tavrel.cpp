@@ -65,10 +65,10 @@ bool Tavrel::StartXap() {
   xapGlobal_.SetTransport(transport_.get());
   log_.ReportEvent(kModule, "Using xAP port " + std::to_string(port));
 
-  handler_ = std::make_unique<XapHandler>(XapHandler::Context{
-      table_, hs_, xapGlobal_, *transport_, log_, clock_,
-      [this](const std::string& mac, const std::string& ip) { SendWOL(mac, ip, log_); }, XapSource(),
-      startup_.ExecutablePath});
+  handler_ = std::make_unique<XapHandler>(
+      XapHandler::Context{table_, hs_, xapGlobal_, *transport_, log_, clock_,
+                          [this](const std::string& mac, const std::string& ip) { SendWOL(mac, ip, log_); },
+                          XapSource(), startup_.ExecutablePath});
   return true;
 }
 

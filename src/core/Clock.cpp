@@ -25,7 +25,7 @@ Parts Decompose(DateTime t) {
   auto days = floor<std::chrono::days>(t);
   year_month_day ymd{days};
   hh_mm_ss hms{t - days};
-  return Parts{int(ymd.year()),      int(unsigned(ymd.month())),      int(unsigned(ymd.day())),
+  return Parts{int(ymd.year()),          int(unsigned(ymd.month())), int(unsigned(ymd.day())),
                int(hms.hours().count()), int(hms.minutes().count()), int(hms.seconds().count())};
 }
 }  // namespace
@@ -64,8 +64,6 @@ std::string FormatMediumDate(DateTime t) {
   return buf;
 }
 
-long long DateDiffMinutes(DateTime a, DateTime b) {
-  return (floor<minutes>(b) - floor<minutes>(a)).count();
-}
+long long DateDiffMinutes(DateTime a, DateTime b) { return (floor<minutes>(b) - floor<minutes>(a)).count(); }
 
 }  // namespace tavrel

@@ -1,7 +1,5 @@
 #pragma once
 
-#include <asio/io_context.hpp>
-#include <asio/steady_timer.hpp>
 #include <chrono>
 #include <filesystem>
 #include <functional>
@@ -9,6 +7,9 @@
 #include <optional>
 #include <string>
 #include <vector>
+
+#include <asio/io_context.hpp>
+#include <asio/steady_timer.hpp>
 
 #include "core/ComputerTable.h"
 #include "core/Reporter.h"

@@ -1,12 +1,13 @@
 #include "lan/NativeSweep.h"
 
-#include <asio/post.hpp>
-#include <asio/steady_timer.hpp>
 #include <chrono>
 #include <cstdio>
 #include <map>
 #include <ostream>
 #include <utility>
+
+#include <asio/post.hpp>
+#include <asio/steady_timer.hpp>
 
 #include "core/Text.h"
 #include "platform/LineEnd.h"

@@ -1,12 +1,13 @@
 #pragma once
 
-#include <asio/io_context.hpp>
 #include <chrono>
 #include <functional>
 #include <iosfwd>
 #include <memory>
 #include <string>
 #include <vector>
+
+#include <asio/io_context.hpp>
 
 #include "core/Reporter.h"
 #include "platform/Neighbours.h"

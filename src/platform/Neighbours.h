@@ -1,13 +1,14 @@
 #pragma once
 
 #include <array>
-#include <asio/io_context.hpp>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
 #include <system_error>
 #include <vector>
+
+#include <asio/io_context.hpp>
 
 namespace tavrel::platform {
 

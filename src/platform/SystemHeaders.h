@@ -6,6 +6,7 @@
 // later. Elsewhere this header is empty.
 #ifdef _WIN32
 #include <winsock2.h>
+
 #include <windows.h>
 #undef ReportEvent
 #undef GetMessage

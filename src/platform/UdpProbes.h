@@ -1,14 +1,15 @@
 #pragma once
 
-#include <asio/io_context.hpp>
-#include <asio/ip/udp.hpp>
-#include <asio/steady_timer.hpp>
 #include <cstddef>
 #include <deque>
 #include <functional>
 #include <memory>
 #include <system_error>
 #include <vector>
+
+#include <asio/io_context.hpp>
+#include <asio/ip/udp.hpp>
+#include <asio/steady_timer.hpp>
 
 #include "platform/Neighbours.h"
 

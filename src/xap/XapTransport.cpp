@@ -1,8 +1,9 @@
 #include "xap/XapTransport.h"
 
-#include <asio/ip/address_v4.hpp>
 #include <exception>
 #include <utility>
+
+#include <asio/ip/address_v4.hpp>
 
 #include "core/Text.h"
 #include "platform/Host.h"
@@ -145,13 +146,12 @@ bool XapTransport::OpenSender(std::error_code& ec) {
 // queue keeps taking new datagrams in, and the kernel buffer never overflows behind a busy handler.
 void XapTransport::StartReceive(const std::shared_ptr<Receiver>& receiver) {
   // The handler holds the receiver, so its buffer outlives a wait still pending at Close.
-  receiver->socket.async_wait(
-      udp::socket::wait_read,
-      [this, receiver, alive = std::weak_ptr<int>(alive_)](const std::error_code& ec) {
-        if (ec == asio::error::operation_aborted || alive.expired() || !receiver->socket.is_open()) return;
-        ReadWaiting(*receiver);
-        StartReceive(receiver);
-      });
+  receiver->socket.async_wait(udp::socket::wait_read, [this, receiver, alive = std::weak_ptr<int>(alive_)](
+                                                          const std::error_code& ec) {
+    if (ec == asio::error::operation_aborted || alive.expired() || !receiver->socket.is_open()) return;
+    ReadWaiting(*receiver);
+    StartReceive(receiver);
+  });
 }
 
 void XapTransport::ReadWaiting(Receiver& receiver) {

@@ -1,8 +1,5 @@
 #pragma once
 
-#include <asio/io_context.hpp>
-#include <asio/ip/udp.hpp>
-#include <asio/steady_timer.hpp>
 #include <chrono>
 #include <deque>
 #include <functional>
@@ -10,6 +7,10 @@
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include <asio/io_context.hpp>
+#include <asio/ip/udp.hpp>
+#include <asio/steady_timer.hpp>
 
 #include "core/Reporter.h"
 #include "xap/XapGlobal.h"

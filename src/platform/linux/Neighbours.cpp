@@ -12,14 +12,15 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <asio/posix/stream_descriptor.hpp>
-#include <asio/steady_timer.hpp>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
 #include <deque>
 #include <map>
 #include <set>
+
+#include <asio/posix/stream_descriptor.hpp>
+#include <asio/steady_timer.hpp>
 
 #include "platform/NeighbourWire.h"
 #include "platform/UdpProbes.h"

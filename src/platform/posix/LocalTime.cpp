@@ -10,7 +10,7 @@ std::chrono::local_seconds LocalNow() {
   localtime_r(&t, &tm);
   using namespace std::chrono;
   auto date = local_days{year{tm.tm_year + 1900} / month{static_cast<unsigned>(tm.tm_mon + 1)} /
-                        day{static_cast<unsigned>(tm.tm_mday)}};
+                         day{static_cast<unsigned>(tm.tm_mday)}};
   return date + hours{tm.tm_hour} + minutes{tm.tm_min} + seconds{tm.tm_sec};
 }
 

@@ -1,7 +1,9 @@
 #include "platform/Host.h"
 
 #include <winsock2.h>
+
 #include <windows.h>
+
 #include <iphlpapi.h>
 #include <shellapi.h>
 #include <ws2tcpip.h>
@@ -86,7 +88,8 @@ std::filesystem::path UserDataFolder() {
 
 bool OpenBrowser(const std::string& url) {
   // The same call the tray menu always made: Internet Explorer by name, the URL as its parameter.
-  auto rc = reinterpret_cast<INT_PTR>(ShellExecuteA(nullptr, nullptr, "Iexplore", url.c_str(), nullptr, SW_SHOWNORMAL));
+  auto rc = reinterpret_cast<INT_PTR>(
+      ShellExecuteA(nullptr, nullptr, "Iexplore", url.c_str(), nullptr, SW_SHOWNORMAL));
   return rc > 32;
 }
 
