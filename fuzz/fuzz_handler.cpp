@@ -1,7 +1,8 @@
 // Feeds arbitrary bytes to the xAP message handler, once as a whole received text and once behind a valid
-// header of each class it serves, so the class handlers see hostile bodies too. Nothing may crash or hang.
-#include <cstddef>
+// header of each class it serves, so the class handlers see hostile bodies too. Nothing may crash or hang,
+// and whatever the text, what is learned is at most one plain lower-case instance name.
 #include <cstdint>
+#include <cstdlib>
 #include <filesystem>
 #include <random>
 #include <string>
@@ -18,90 +19,60 @@ namespace {
 
 using namespace tavrel;
 
-class QuietReporter : public Reporter {
- public:
+struct QuietReporter : Reporter {
   using Reporter::ReportEvent;
   using Reporter::WriteLog;
   void WriteLog(std::string_view, std::string_view, const Err&) override {}
   void ReportEvent(std::string_view, std::string_view, const Err&) override {}
 };
 
-class CountingSend : public XapSendOperation {
- public:
-  void Send(const std::string&, const std::string&, const std::string&, const std::string&) override {
-    ++count;
-  }
-  size_t count = 0;
+struct NullSend : XapSendOperation {
+  void Send(const std::string&, const std::string&, const std::string&, const std::string&) override {}
 };
 
 // One temporary home for the whole run, removed at exit.
-struct Harness {
-  std::filesystem::path home;
-  QuietReporter reporter;
-  Hs hs;
-  XapGlobal xap;
-  CountingSend sent;
-  CountingSend transport;
-  ManualClock clock{MakeDateTime(2026, 11, 22, 8, 30, 0)};
-  size_t wakes = 0;
-
-  Harness() : home(MakeHome()), hs(home / "Config", reporter) { xap.SetTransport(&sent); }
-  ~Harness() {
+struct Home {
+  std::filesystem::path path = std::filesystem::temp_directory_path() /
+                               ("tavrel-fuzz-handler-" + std::to_string(std::random_device{}()));
+  ~Home() {
     std::error_code ec;
-    std::filesystem::remove_all(home, ec);
-  }
-
-  static std::filesystem::path MakeHome() {
-    std::random_device rd;
-    auto path = std::filesystem::temp_directory_path() / ("tavrel-fuzz-handler-" + std::to_string(rd()));
-    std::filesystem::create_directories(path / "Config");
-    return path;
-  }
-
-  // The INI file is dropped before every input so learned names do not pile up across a long run.
-  void ForgetIni() {
-    std::error_code ec;
-    std::filesystem::remove(home / "Config" / "tavrel.ini", ec);
-    std::filesystem::remove(home / "Config" / "tavrel.ini_bck", ec);
+    std::filesystem::remove_all(path, ec);
   }
 };
-
-struct ClassHeader {
-  const char* msgClass;
-  const char* target;
-};
-
-constexpr ClassHeader kHeaders[] = {
-    {"Homeseer.Role", ""},
-    {"Computer.Process", "x.y.pc7"},
-    {"WDT.Echo", "zel.WOL.host1"},
-    {"Time.Today", ""},
-};
-
-std::string Header(const ClassHeader& h) {
-  std::string text = "xap-header\n{\nv=12\nhop=1\nuid=FF123400\nclass=" + std::string(h.msgClass) +
-                     "\nsource=acme.controller.hub\n";
-  if (*h.target != '\0') text += "target=" + std::string(h.target) + "\n";
-  return text + "}\n";
-}
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  static Harness harness;
-  harness.ForgetIni();
+  static Home home;
+  static QuietReporter reporter;
+  static NullSend send;
+  static Hs hs(home.path / "Config", reporter);
+  static const ManualClock clock{MakeDateTime(2026, 11, 22, 8, 30, 0)};
+  // The INI files go before every input so learned names do not pile up over a long run.
+  std::error_code ec;
+  std::filesystem::remove_all(home.path / "Config", ec);
 
+  XapGlobal xap;
+  xap.SetTransport(&send);
   ComputerTable table;
-  table.Computers.Add("hub", KeyValuePair{"hub", "198.51.100.2"});
   table.Computers.Add("pc7", KeyValuePair{"pc7", "198.51.100.7"});
   table.ARPTable.Add("198.51.100.7", KeyValuePair{"198.51.100.7", "00-11-22-33-44-55"});
+  XapHandler handler(XapHandler::Context{table, hs, xap, send, reporter, clock,
+                                         [](const std::string&, const std::string&) {}, "zel.WOL.host1",
+                                         "/opt/tavrel/tavrel"});
 
-  XapHandler handler(XapHandler::Context{table, harness.hs, harness.xap, harness.transport, harness.reporter,
-                                         harness.clock,
-                                         [](const std::string&, const std::string&) { ++harness.wakes; },
-                                         "zel.WOL.host1", "/opt/tavrel/tavrel"});
   const std::string input(reinterpret_cast<const char*>(data), size);
   handler.Handle(input);
-  for (const auto& h : kHeaders) handler.Handle(Header(h) + input);
+  for (const char* header : {"class=Homeseer.Role\n", "class=Computer.Process\ntarget=x.y.pc7\n",
+                             "class=WDT.Echo\ntarget=zel.WOL.host1\n", "class=Time.Today\n"}) {
+    handler.Handle("xap-header\n{\nv=12\nhop=1\nuid=FF123400\nsource=acme.controller.pc7\n" +
+                   std::string(header) + "}\n" + input);
+  }
+  if (table.Computers.Count() > 2) std::abort();
+  for (const auto& entry : table.Computers) {
+    const std::string& name = entry.value.Key;
+    if (name.empty() || name.find_first_of(".:\nABCDEFGHIJKLMNOPQRSTUVWXYZ") != std::string::npos)
+      std::abort();
+  }
   return 0;
 }
