@@ -41,9 +41,11 @@ TEST_F(LogFixture, ReportEventWaitsForTheTransportAndKeepsOrder) {
   ASSERT_EQ(xap.Pending().size(), 2u);
   EXPECT_EQ(xap.Pending()[0],
             (XapQueuedMessage{"", "Homeseer.Event", "Event.Log",
-                              "Time\x01" "2026-11-22 09:30:05\0Type\x01tavrel\0Data\x01Using xAP port 3639"s}));
+                              "Time\x01"
+                              "2026-11-22 09:30:05\0Type\x01tavrel\0Data\x01Using xAP port 3639"s}));
   EXPECT_EQ(xap.Pending()[1].Body,
-            "Time\x01" "2026-11-22 09:30:05\0Type\x01IniTool\0Data\x01 Equal sign not found on line abc"
+            "Time\x01"
+            "2026-11-22 09:30:05\0Type\x01IniTool\0Data\x01 Equal sign not found on line abc"
             " Line 3 Invalid call"s);
 
   RecordingSend transport;
@@ -57,8 +59,12 @@ TEST_F(LogFixture, ReportEventWaitsForTheTransportAndKeepsOrder) {
 }
 
 TEST(XapBody, JoinsPairsWithControlCharacters) {
-  EXPECT_EQ(XapBody({{"Query", "All"}}), "Query\x01" "All");
-  EXPECT_EQ(XapBody({{"a", "1"}, {"b", ""}}), "a\x01" "1\0b\x01"s);
+  EXPECT_EQ(XapBody({{"Query", "All"}}),
+            "Query\x01"
+            "All");
+  EXPECT_EQ(XapBody({{"a", "1"}, {"b", ""}}),
+            "a\x01"
+            "1\0b\x01"s);
   EXPECT_EQ(XapBody({}), "");
 }
 

@@ -1,6 +1,5 @@
-#include <gtest/gtest.h>
-
 #include <asio/ip/udp.hpp>
+#include <gtest/gtest.h>
 
 #include "TestSupport.h"
 #include "app/Tavrel.h"
@@ -17,9 +16,9 @@ class TavrelTest : public ::testing::Test {
   void Start(const std::string& tavrelIni) {
     hub.open(asio::ip::udp::v4());
     hub.bind({asio::ip::make_address("127.0.0.1"), 0});
-    test::WriteFile(home.Path() / "Config" / "zelXap.ini",
-                    "[Interface]\nBroadcastAddress=127.0.0.1\nPort=" + std::to_string(hub.local_endpoint().port()) +
-                        "\n");
+    test::WriteFile(home.Path() / "Config" / "zelXap.ini", "[Interface]\nBroadcastAddress=127.0.0.1\nPort=" +
+                                                               std::to_string(hub.local_endpoint().port()) +
+                                                               "\n");
     if (!tavrelIni.empty()) test::WriteFile(home.Path() / "Config" / "tavrel.ini", tavrelIni);
     app = std::make_unique<Tavrel>(io, home.Path(), clock, Tavrel::Options{});
     ASSERT_TRUE(app->form_load());
@@ -34,7 +33,8 @@ class TavrelTest : public ::testing::Test {
 
 TEST_F(TavrelTest, LoadIniSkipsBlankLinesAndKeepsThisMachinesEntry) {
   const std::string own = platform::ComputerName();
-  Start("[Computer]\nPC1=198.51.100.5\nblank=   \n=198.51.100.6\n" + own + "=198.51.100.99\nnoequal\n"
+  Start("[Computer]\nPC1=198.51.100.5\nblank=   \n=198.51.100.6\n" + own +
+        "=198.51.100.99\nnoequal\n"
         "[ARP]\n198.51.100.5=00-11-22-33-44-55\n198.51.100.6=  \n");
   auto& t = app->Table();
   ASSERT_NE(t.Computers.Find("pc1"), nullptr);
@@ -53,17 +53,16 @@ TEST_F(TavrelTest, LoadIniSkipsBlankLinesAndKeepsThisMachinesEntry) {
   const std::string ip = app->Transport()->LocalIP();
   ASSERT_NE(t.ARPTable.Find(ip), nullptr);
   EXPECT_EQ(t.ARPTable.Find(ip)->Value, platform::LocalMac());
-  EXPECT_EQ(app->Settings().GetINISetting("ARP", ip, "missing", kIniFile), platform::LocalMac().empty()
-                                                                               ? "missing"
-                                                                               : platform::LocalMac());
+  EXPECT_EQ(app->Settings().GetINISetting("ARP", ip, "missing", kIniFile),
+            platform::LocalMac().empty() ? "missing" : platform::LocalMac());
 }
 
 TEST_F(TavrelTest, OnMessageDrainsEveryWaitingMessage) {
   Start("");
   auto* transport = app->Transport();
   for (const char* name : {"pca", "pcb", "pcc"}) {
-    transport->ProcessReceivedMessage(std::string("xap-header\n{\nv=12\nhop=1\nuid=FF0001\nclass=x.y\nsource=a.b.") +
-                                      name + "\n}\n");
+    transport->ProcessReceivedMessage(
+        std::string("xap-header\n{\nv=12\nhop=1\nuid=FF0001\nclass=x.y\nsource=a.b.") + name + "\n}\n");
   }
   app->onMessage();
   EXPECT_NE(app->Table().Computers.Find("pcb"), nullptr);

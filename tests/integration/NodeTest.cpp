@@ -1,13 +1,14 @@
 // The real program on loopback: what it sends and answers, byte for byte.
-#include <gtest/gtest.h>
+#include <arpa/inet.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <unistd.h>
-#include <arpa/inet.h>
-#include <poll.h>
 
 #include <regex>
+
+#include <gtest/gtest.h>
 
 #include "NodeHarness.h"
 
@@ -27,7 +28,8 @@ std::string Message(const std::string& cls, const std::string& source, const std
 // What the node sends: header with its UID and source, then one block.
 std::string FromNode(const std::string& cls, const std::string& target, const std::string& block,
                      const std::string& items) {
-  std::string text = "xap-header\n{\nv=12\nhop=1\nuid=FF001500\nclass=" + cls + "\nsource=" + NodeSource() + "\n";
+  std::string text =
+      "xap-header\n{\nv=12\nhop=1\nuid=FF001500\nclass=" + cls + "\nsource=" + NodeSource() + "\n";
   if (!target.empty()) text += "target=" + target + "\n";
   return text + "}\n" + block + "\n{\n" + items + "}\n";
 }
@@ -90,16 +92,15 @@ TEST_F(NodeTest, AnswersRoleEchoAndComputerQueries) {
             FromNode("WDT.Echo", "acme.watch.test", "Echo.Response", "Response=abc\n"));
 
   hub.SendTo(port, Message("Computer.Process", "acme.hub.test", "x.y.pc7", "Computer.Query", "Query=all\n"));
-  EXPECT_EQ(hub.ReceiveUntil([](const std::string& t) { return Field(t, "Name") == "pc7"; }),
-            FromNode("Computer.Process", "", "Computer.Notification",
-                     "MAC=127.0.0.7\nIP=127.0.0.7\nName=pc7\n"));
+  EXPECT_EQ(
+      hub.ReceiveUntil([](const std::string& t) { return Field(t, "Name") == "pc7"; }),
+      FromNode("Computer.Process", "", "Computer.Notification", "MAC=127.0.0.7\nIP=127.0.0.7\nName=pc7\n"));
 
   // A role the node does not serve gets no answer; the echo goes out first, so nothing lies between.
   hub.SendTo(port, Message("Homeseer.Role", "acme.hub.test", "", "Role.Query", "Role=Lighting\n"));
   hub.SendTo(port, Message("WDT.Echo", "acme.watch.test", "", "Echo.Query", "Query=second\n"));
-  std::string next = hub.ReceiveUntil([](const std::string& t) {
-    return IsClass(t, "Homeseer.Role") || IsClass(t, "WDT.Echo");
-  });
+  std::string next = hub.ReceiveUntil(
+      [](const std::string& t) { return IsClass(t, "Homeseer.Role") || IsClass(t, "WDT.Echo"); });
   EXPECT_EQ(Field(next, "Response"), "second");
 
   node.Signal(SIGINT);
@@ -120,9 +121,8 @@ TEST_F(NodeTest, LearnsANewSenderOnceAndQueriesIt) {
   // The second message from pc9 sends no further query: the echo answer comes next instead.
   hub.SendTo(port, hello);
   hub.SendTo(port, Message("WDT.Echo", "acme.watch.pc9", "", "Echo.Query", "Query=after\n"));
-  std::string next = hub.ReceiveUntil([](const std::string& t) {
-    return Field(t, "target") == "*.*.pc9" || IsClass(t, "WDT.Echo");
-  });
+  std::string next = hub.ReceiveUntil(
+      [](const std::string& t) { return Field(t, "target") == "*.*.pc9" || IsClass(t, "WDT.Echo"); });
   EXPECT_TRUE(IsClass(next, "WDT.Echo")) << next;
 
   node.Signal(SIGTERM);
@@ -141,7 +141,8 @@ TEST_F(NodeTest, WakeRequestSendsTheMagicPacketToTheComputersSubnet) {
 
   Node node(hub.Port(), "[Computer]\npcw=127.0.0.9\n[ARP]\n127.0.0.9=00-1A-2B-3C-4D-5E\n");
   int port = StartNode(node);
-  hub.SendTo(port, Message("Computer.Process", "acme.hub.test", "x.y.pcw", "Computer.Control", "Action=wol\n"));
+  hub.SendTo(port,
+             Message("Computer.Process", "acme.hub.test", "x.y.pcw", "Computer.Control", "Action=wol\n"));
 
   pollfd p{fd, POLLIN, 0};
   ASSERT_EQ(poll(&p, 1, 5000), 1) << "no wake packet";
@@ -158,8 +159,8 @@ TEST_F(NodeTest, WakeRequestSendsTheMagicPacketToTheComputersSubnet) {
 
 TEST_F(NodeTest, UnusableBroadcastAddressEndsTheProgramWithALogLine) {
   Node node(hub.Port(), "", "");
-  WriteFile(node.Home() / "Config" / "zelXap.ini", "[Interface]\nBroadcastAddress=not.an.address\nPort=" +
-                                                       std::to_string(hub.Port()) + "\n");
+  WriteFile(node.Home() / "Config" / "zelXap.ini",
+            "[Interface]\nBroadcastAddress=not.an.address\nPort=" + std::to_string(hub.Port()) + "\n");
   node.Start();
   EXPECT_EQ(node.WaitExit(), 1);
   std::string log = ReadFile(node.Home() / "Data" / "tavrel.txt");

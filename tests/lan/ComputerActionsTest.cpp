@@ -1,8 +1,8 @@
-#include <gtest/gtest.h>
-
 #include <stdexcept>
 #include <string>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 #include "TestSupport.h"
 #include "lan/ComputerActions.h"

@@ -1,12 +1,12 @@
-#include <gtest/gtest.h>
-
 #include <algorithm>
-#include <asio/io_context.hpp>
 #include <cstring>
 #include <optional>
 #include <sstream>
 #include <stdexcept>
 #include <tuple>
+
+#include <asio/io_context.hpp>
+#include <gtest/gtest.h>
 
 #include "lan/NativeSweep.h"
 #include "platform/LineEnd.h"

@@ -1,9 +1,9 @@
-#include <gtest/gtest.h>
-
 #include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 #include "TestSupport.h"
 #include "platform/LineEnd.h"
