@@ -1,6 +1,6 @@
 # Thin wrapper over the CMake presets. `make run` builds and starts the service; `make test` builds and
 # runs every test (Linux debug, sanitizers, and the Windows build under Wine).
-.PHONY: deps deps-build run build test test-dev test-asan test-windows test-fuzz bench fuzz format clean
+.PHONY: deps deps-build run build test test-dev test-asan test-windows test-fuzz test-format bench fuzz format clean
 
 JOBS ?= $(shell nproc)
 
@@ -17,7 +17,10 @@ build: deps-build
 run: build
 	./build/release/tavrel $(ARGS)
 
-test: deps test-dev test-asan test-windows test-fuzz
+test: deps test-format test-dev test-asan test-windows test-fuzz
+
+test-format:
+	clang-format --dry-run --Werror $$(git ls-files '*.cpp' '*.h')
 
 test-dev:
 	cmake --preset dev >/dev/null
