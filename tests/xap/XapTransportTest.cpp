@@ -2,6 +2,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <asio/io_context.hpp>
@@ -9,7 +10,6 @@
 #include <gtest/gtest.h>
 
 #include "TestSupport.h"
-#include "xap/XapGlobal.h"
 #include "xap/XapTransport.h"
 
 namespace tavrel {
@@ -34,7 +34,6 @@ class TransportTest : public ::testing::Test {
     xap_.RegisterNewMessageCallback([this] { ++callbacks_; });
   }
 
-  // Runs the loop in short slices until cond holds or the deadline passes.
   bool RunUntil(const std::function<bool()>& cond, std::chrono::milliseconds deadline = 3s) {
     for (const auto end = Clock::now() + deadline; !cond() && Clock::now() < end;) RunFor(5ms);
     return cond();
@@ -43,7 +42,6 @@ class TransportTest : public ::testing::Test {
     io_.restart();
     io_.run_for(span);
   }
-  // The next datagram that reaches the peer socket, if one comes within the deadline.
   std::optional<std::string> Receive(std::chrono::milliseconds deadline = 3s) {
     if (!RunUntil([&] { return peer_.available() > 0; }, deadline)) return std::nullopt;
     return std::string(buffer_.data(), peer_.receive(asio::buffer(buffer_)));
@@ -57,7 +55,6 @@ class TransportTest : public ::testing::Test {
     return "xap-hbeat\n{\nv=12\nhop=1\nuid=FF001500\nclass=xap-hbeat.alive\nsource=zel.WOL.host\ninterval=" +
            interval + "0\nport=" + std::to_string(xap_.LocalPort()) + "\n}\n";
   }
-  // The logged texts with their error numbers, one a line.
   std::string Logged() const {
     std::string text;
     for (const auto& c : log_.calls)
@@ -73,32 +70,15 @@ class TransportTest : public ::testing::Test {
   std::vector<char> buffer_ = std::vector<char>(65536);
 };
 
-TEST_F(TransportTest, BindsTheXapPortWhenFreeElseOneFromTheHighRange) {
-  // The peer holds the xAP port, as a hub would.
-  const long port = xap_.Init();
-  EXPECT_GE(port, XapTransport::kFirstFallbackPort);
-  EXPECT_LT(port, XapTransport::kFirstFallbackPort + XapTransport::kFallbackAttempts);
-
-  const unsigned short xapPort = peer_.local_endpoint().port();
-  peer_.close();
-  EXPECT_EQ(xap_.Init(), xapPort);
-  EXPECT_EQ(xap_.HeartbeatTail(), "0\nport=" + std::to_string(xapPort) + "\n}\n");
-}
-
-TEST_F(TransportTest, HeartbeatNamesTheBoundPortAndItsIntervalIsClamped) {
+TEST_F(TransportTest, HeartbeatIntervalIsClampedAndAnOutOfRangeOneIsRefused) {
   Init();
-  const struct {
-    long asked;
-    const char* sent;
-    long timerMs;
-  } cases[] = {{60, "60", 60000}, {3, "5", 5000}, {-7, "0", 0}, {12, "12", 12000}};
-  for (const auto& c : cases) {
-    xap_.SendHeartbeat(c.asked);
-    EXPECT_EQ(Receive(), Heartbeat(c.sent)) << c.asked;
-    EXPECT_EQ(xap_.HeartbeatTimerInterval(), c.timerMs);
+  const std::tuple<long, const char*, long> cases[] = {
+      {60, "60", 60000}, {3, "5", 5000}, {-7, "0", 0}, {12, "12", 12000}};
+  for (const auto& [asked, sent, timerMs] : cases) {
+    xap_.SendHeartbeat(asked);
+    EXPECT_EQ(Receive(), Heartbeat(sent)) << asked;
+    EXPECT_EQ(xap_.HeartbeatTimerInterval(), timerMs);
   }
-  EXPECT_EQ(Logged(), "");
-
   // Above 60 becomes 60000 s, which the timer refuses: logged, nothing sent, the timer unchanged.
   xap_.SendHeartbeat(61);
   EXPECT_EQ(Logged(), "tavrel|SendHeartbeat|380\n");
@@ -117,7 +97,6 @@ TEST_F(TransportTest, TimerSendsOnEveryTenthTickAndZeroStopsIt) {
   const auto gap = Clock::now() - first;
   EXPECT_GE(gap, 450ms);
   EXPECT_LT(gap, 2000ms);
-
   xap_.SendHeartbeat(0);
   EXPECT_EQ(Receive(), Heartbeat("0"));
   EXPECT_EQ(Receive(800ms), std::nullopt);
@@ -129,7 +108,6 @@ TEST_F(TransportTest, HeartbeatsAreFilteredUnlessFilteringIsOff) {
   RunFor(150ms);
   EXPECT_EQ(callbacks_, 0);
   EXPECT_EQ(xap_.GetMessage(), "");
-
   xap_.ProcessReceivedMessage("XAP-HEADER\n{\n}\n");
   xap_.SetFilterHeartbeats(false);
   xap_.ProcessReceivedMessage(beat);
@@ -147,70 +125,38 @@ TEST_F(TransportTest, BurstGivesOneCallbackAndMessagesInOrder) {
   EXPECT_EQ(callbacks_, 1);
   for (const char* n : {"1", "2", "3"}) EXPECT_EQ(xap_.GetMessage(), "xap-header\n"s + n);
   EXPECT_EQ(xap_.GetMessage(), "");
-
-  // A later message starts the timer again.
+  // A later message starts the timer again; what arrives while the queue drains is read in order.
   SendToTransport("xap-header\n4");
   ASSERT_TRUE(RunUntil([&] { return callbacks_ == 2; }));
   EXPECT_EQ(xap_.GetMessage(), "xap-header\n4");
-}
-
-TEST_F(TransportTest, DrainingTakesInDatagramsThatArriveMeanwhile) {
-  Init();
-  SendToTransport("xap-header\n1\n");
-  ASSERT_TRUE(RunUntil([&] { return callbacks_ == 1; }));
-  // While the handler drains the queue the loop does not run; what arrives meanwhile is read by
-  // GetMessage itself, in order, instead of piling up in the socket.
-  EXPECT_EQ(xap_.GetMessage(), "xap-header\n1\n");
-  SendToTransport("xap-header\n2\n");
-  SendToTransport("xap-header\n3\n");
-  std::string second;
-  ASSERT_TRUE(test::WaitFor([&] { return !(second = xap_.GetMessage()).empty(); }, 2s));
-  EXPECT_EQ(second, "xap-header\n2\n");
-  EXPECT_EQ(xap_.GetMessage(), "xap-header\n3\n");
-  EXPECT_EQ(xap_.GetMessage(), "");
+  SendToTransport("xap-header\n5");
+  SendToTransport("xap-header\n6");
+  std::string next;
+  ASSERT_TRUE(test::WaitFor([&] { return !(next = xap_.GetMessage()).empty(); }, 2s));
+  EXPECT_EQ(next, "xap-header\n5");
+  EXPECT_EQ(xap_.GetMessage(), "xap-header\n6");
 }
 
 TEST_F(TransportTest, OversizedDatagramsAreDroppedWithOneLogLine) {
   Init();
   const std::string fits = "xap-header\n" + std::string(XapTransport::kMaxDatagram - 11, 'x');
-  SendToTransport(fits + "y");
-  SendToTransport(fits + "y");
-  SendToTransport(fits);
+  for (const auto& text : {fits + "y", fits + "y", fits}) SendToTransport(text);
   ASSERT_TRUE(RunUntil([&] { return callbacks_ == 1; }));
   EXPECT_EQ(xap_.GetMessage(), fits);
   EXPECT_EQ(xap_.GetMessage(), "");
   EXPECT_EQ(Logged(), "tavrel|ProcessReceivedMessage dropped 1 datagram(s) over 1500 bytes|0\n");
 }
 
-TEST_F(TransportTest, SendWritesOneBlockFromTheBody) {
+TEST_F(TransportTest, SendSkipsBodyPiecesWithoutASeparatorAndBarsBecomeLineFeeds) {
   Init();
-  xap_.Send("", "Homeseer.Event", "Event.Log", XapBody({{"Time", "2026-11-22 10:00:00"}, {"Data", "x=y"}}));
-  EXPECT_EQ(Receive(),
-            "xap-header\n{\nv=12\nhop=1\nuid=FF001500\nclass=Homeseer.Event\nsource=zel.WOL.host\n}\n"
-            "Event.Log\n{\nTime=2026-11-22 10:00:00\nData=x=y\n}\n");
-  // Pieces without character 1 are skipped; the target gets its line.
   xap_.Send("*.*.pc7", "Computer.Process", "Computer.Query", "a\0b\x01"s + "2");
   EXPECT_EQ(Receive(),
             "xap-header\n{\nv=12\nhop=1\nuid=FF001500\nclass=Computer.Process\nsource=zel.WOL.host\n"
             "target=*.*.pc7\n}\nComputer.Query\n{\nb=2\n}\n");
+  xap_.SetXapSource("zel.WOL.a|b");
+  EXPECT_EQ(xap_.HeartbeatText(),
+            "xap-hbeat\n{\nv=12\nhop=1\nuid=FF001500\nclass=xap-hbeat.alive\nsource=zel.WOL.a\nb\ninterval=");
   EXPECT_EQ(Logged(), "");
-}
-
-TEST_F(TransportTest, PendingMessagesGoOutOldestFirstOnceAttached) {
-  XapGlobal global;
-  global.SendXap("", "C.One", "B", XapBody({{"k", "1"}}));
-  global.SendXap("", "C.Two", "B", XapBody({{"k", "2"}}));
-  Init();
-  EXPECT_EQ(Receive(300ms), std::nullopt);
-
-  global.SetTransport(&xap_);
-  global.SendXap("", "C.Three", "B", XapBody({{"k", "3"}}));
-  for (const char* cls : {"C.One", "C.Two", "C.Three"}) {
-    const auto text = Receive();
-    ASSERT_TRUE(text.has_value());
-    EXPECT_NE(text->find("\nclass="s + cls + "\n"), std::string::npos) << *text;
-  }
-  EXPECT_TRUE(global.Pending().empty());
 }
 
 TEST_F(TransportTest, SendingWhileClosedAndAnUnusableTargetAreLogged) {
@@ -221,23 +167,13 @@ TEST_F(TransportTest, SendingWhileClosedAndAnUnusableTargetAreLogged) {
   EXPECT_EQ(xap_.LocalPort(), 0);
   xap_.SetBroadcastAddress("127.0.0.1");
   Init();
-  xap_.Close();
-  xap_.Close();
+  for (int i = 0; i < 2; ++i) xap_.Close();  // a second close is harmless
   xap_.Send("", "C", "B", "");
   EXPECT_EQ(Logged(),
             "tavrel|SendXap |40006\ntavrel|SendHeartbeat|40006\ntavrel|SocketsInitialize |5\n"
             "tavrel|SendXap |40006\n");
-  // The receives cancelled by Close end quietly.
-  RunFor(50ms);
+  RunFor(50ms);  // the receives cancelled by Close end quietly
   EXPECT_EQ(callbacks_, 0);
-}
-
-TEST_F(TransportTest, EveryBarInTheHeartbeatBecomesALineFeedAndLocalIpTakesTheInterface) {
-  xap_.SetXapSource("zel.WOL.a|b");
-  EXPECT_EQ(xap_.HeartbeatText(),
-            "xap-hbeat\n{\nv=12\nhop=1\nuid=FF001500\nclass=xap-hbeat.alive\nsource=zel.WOL.a\nb\ninterval=");
-  xap_.SetInterfaceAddress("203.0.113.7");
-  EXPECT_EQ(xap_.LocalIP(), "203.0.113.7");
 }
 
 }  // namespace
