@@ -6,9 +6,6 @@
 
 #include "TestSupport.h"
 #include "lan/LanScan.h"
-#include "platform/Process.h"
-#include "settings/Hs.h"
-#include "xap/XapGlobal.h"
 
 namespace tavrel {
 namespace {
@@ -19,13 +16,10 @@ using Texts = std::vector<std::string>;
 
 // A command that runs until file appears, ten seconds at most (a batch file for CMD.EXE).
 std::string WaitForFileCommand(const fs::path& folder, const fs::path& file) {
-  if (!platform::HasCmdShell()) {
+  if (!platform::HasCmdShell())
     return "i=0; while [ ! -e '" + file.string() + "' ] && [ $i -lt 500 ]; do sleep 0.02; i=$((i+1)); done";
-  }
-  test::WriteFile(folder / "wait.bat",
-                  "@echo off\r\nset n=0\r\n:wait\r\nset /a n+=1\r\nif %n% geq 20000 exit /b\r\n"
-                  "if not exist \"" +
-                      file.string() + "\" goto wait\r\n");
+  std::string loop = "@echo off\r\nset n=0\r\n:wait\r\nset /a n+=1\r\nif %n% geq 20000 exit /b\r\n";
+  test::WriteFile(folder / "wait.bat", loop + "if not exist \"" + file.string() + "\" goto wait\r\n");
   return (folder / "wait.bat").string();
 }
 
@@ -33,31 +27,25 @@ std::string WaitForFileCommand(const fs::path& folder, const fs::path& file) {
 class LanScanTest : public ::testing::Test {
  protected:
   LanScanTest() { SetWol("ScanMethod", "native"); }
-
-  void SetWol(const std::string& key, const std::string& value) {
-    hs.SaveIniSetting("WOL", key, value, kIniFile);
-  }
+  void SetWol(const char* key, const char* value) { hs.SaveIniSetting("WOL", key, value, kIniFile); }
   std::string IniArp(const std::string& ip) const { return hs.GetINISetting("ARP", ip, "", kIniFile); }
   fs::path LogFile(int i) const { return home.Path() / "Temp" / ("p" + std::to_string(i) + ".log"); }
   void WriteLog(int i, const std::string& text) const { test::WriteFile(LogFile(i), text); }
-
+  void AddArp(const char* ip, const char* mac) { table.ARPTable.Add(ip, KeyValuePair{ip, mac}); }
   // The table as "ip=mac" texts, in its order.
   Texts Arp() const {
     Texts pairs;
     for (const auto& e : table.ARPTable) pairs.push_back(e.value.Key + "=" + e.value.Value);
     return pairs;
   }
-
-  // Every report in full: "log|" or "event|", then "module|text|number|description".
+  // Every report: "log|" or "event|", then "module|text|number|description".
   Texts Reports() const {
     Texts texts;
-    for (const auto& c : reporter.calls) {
+    for (const auto& c : reporter.calls)
       texts.push_back(std::string(c.event ? "event|" : "log|") + c.module + "|" + c.text + "|" +
                       std::to_string(c.err.Number) + "|" + c.err.Description);
-    }
     return texts;
   }
-
   // True when the loop runs out of work: no timer or sweep is left waiting.
   bool LoopGoesIdle() {
     io.restart();
@@ -81,25 +69,8 @@ TEST(BatchFilesTest, NumberedByListPositionWithCrLfInTheTempFolderOfTheHomeDrive
   EXPECT_EQ(first.p, "ping -n 1 -l 1 %1.%2\r\narp -a %1.%2\r\n");
   EXPECT_EQ(first.p2, "for /l %%i in (1,1,254) do C:\\Temp\\p0.bat 192.168.1 %%i\r\n");
   EXPECT_EQ(first.p3, "C:\\Temp\\p20.bat > C:\\Temp\\p0.log\r\n");
-  BatchFiles later = MakeBatchFiles(12, "172.16.5", "D:\\Temp");
-  EXPECT_EQ(later.p2, "for /l %%i in (1,1,254) do D:\\Temp\\p12.bat 172.16.5 %%i\r\n");
-  EXPECT_EQ(later.p3, "D:\\Temp\\p212.bat > D:\\Temp\\p12.log\r\n");
+  EXPECT_EQ(MakeBatchFiles(12, "172.16.5", "D:\\Temp").p3, "D:\\Temp\\p212.bat > D:\\Temp\\p12.log\r\n");
   EXPECT_EQ(BatchTempFolder("C:\\Program Files\\tavrel"), "C:\\Temp");
-}
-
-// The query waits in the pending-send list, as no transport is up.
-TEST_F(LanScanTest, QueryLanAsksEveryAgentThenSweepsUntilStopped) {
-  SetWol("Subnet", "127.0.0");
-  scan.QueryLAN();
-  ASSERT_EQ(xap.Pending().size(), 1u);
-  EXPECT_EQ(xap.Pending()[0], (XapQueuedMessage{"", "Computer.Process", "Computer.Query", "Query\001All"}));
-  ASSERT_TRUE(scan.ProcessExists());
-  EXPECT_TRUE(scan.ARPTimerEnabled());
-  scan.Stop();
-  EXPECT_FALSE(scan.ProcessExists());
-  EXPECT_FALSE(scan.ARPTimerEnabled());
-  EXPECT_TRUE(LoopGoesIdle());
-  EXPECT_FALSE(fs::exists(LogFile(0)));
 }
 
 TEST_F(LanScanTest, ScanMethodBatchFallsBackToNativeWhereThereIsNoCmd) {
@@ -112,38 +83,28 @@ TEST_F(LanScanTest, ScanMethodBatchFallsBackToNativeWhereThereIsNoCmd) {
 }
 
 // The log reader: "dynamic" lines only (case matters), first MAC wins, upper case, one settings key per
-// address (replacing an older one); a "dynamic" line without a MAC is logged and skipped.
-TEST_F(LanScanTest, ReaderTakesDynamicLinesOnly) {
-  SetWol("Subnet", "198.51.100");
+// address (replacing an older one); a "dynamic" line without a MAC is logged and skipped. Each subnet's log
+// starts from an empty table but for this machine's own entry; the settings keep all; a missing log is
+// skipped.
+TEST_F(LanScanTest, ReaderTakesDynamicLinesAndEachSubnetClearsTheTableButTheSettingsKeepAll) {
+  SetWol("Subnet", "198.51.100,192.0.2,203.0.113");
   hs.SaveIniSetting("ARP", "198.51.100.9", "OLD", kIniFile);
+  AddArp(localIp.c_str(), "02-00-00-00-00-14");
+  AddArp("198.51.100.99", "02-00-00-00-00-99");
   WriteLog(0,
            "  192.168.1.7           00-11-22-33-44-55     dynamic\r\n"
            "  198.51.100.9          02-aa-bb-cc-dd-09     dynamic   \r\n"
            "  dynamic\r\n"
            "  192.168.1.7           02-aa-bb-cc-dd-99     dynamic\r\n"
-           "  198.51.100.255        ff-ff-ff-ff-ff-ff     static\r\n"
            "  198.51.100.30         02-aa-bb-cc-dd-30     Dynamic\r\n"
            "198.51.100.11 02-Aa-bB-cc-dd-11 dynamic extra words\n");
-  scan.ARPTimer_Timer();
-  EXPECT_EQ(Arp(), (Texts{"192.168.1.7=00-11-22-33-44-55", "198.51.100.9=02-AA-BB-CC-DD-09",
-                          "198.51.100.11=02-AA-BB-CC-DD-11"}));
-  EXPECT_EQ(IniArp("192.168.1.7") + " " + IniArp("198.51.100.9"), "00-11-22-33-44-55 02-AA-BB-CC-DD-09");
-  EXPECT_EQ(IniArp("198.51.100.255") + IniArp("198.51.100.30"), "");
-  EXPECT_EQ(Reports(), Texts{"log|tavrel|ARPTimer_Timer|9|Subscript out of range"});
-}
-
-// Each subnet read starts from an empty table but for this machine's own entry, so the table ends with
-// the last subnet's addresses while the settings keep all; a missing log is skipped.
-TEST_F(LanScanTest, EachSubnetClearsTheTableButTheSettingsKeepAll) {
-  SetWol("Subnet", "198.51.100,192.0.2,203.0.113");
-  table.ARPTable.Add(localIp, KeyValuePair{localIp, "02-00-00-00-00-14"});
-  table.ARPTable.Add("198.51.100.99", KeyValuePair{"198.51.100.99", "02-00-00-00-00-99"});
-  WriteLog(0, "  198.51.100.7          02-aa-bb-cc-dd-07     dynamic\r\n");
   WriteLog(2, "  203.0.113.5           02-aa-bb-cc-ee-05     dynamic\r\n");
   scan.ARPTimer_Timer();
   EXPECT_EQ(Arp(), (Texts{"203.0.113.5=02-AA-BB-CC-EE-05", "198.51.100.20=02-00-00-00-00-14"}));
-  EXPECT_EQ(IniArp("198.51.100.7"), "02-AA-BB-CC-DD-07");
-  EXPECT_EQ(Reports(), Texts{});
+  EXPECT_EQ(IniArp("192.168.1.7") + " " + IniArp("198.51.100.9") + " " + IniArp("198.51.100.11"),
+            "00-11-22-33-44-55 02-AA-BB-CC-DD-09 02-AA-BB-CC-DD-11");
+  EXPECT_EQ(IniArp("198.51.100.30"), "");
+  EXPECT_EQ(Reports(), Texts{"log|tavrel|ARPTimer_Timer|9|Subscript out of range"});
 }
 
 // Subnet "" means this machine's subnet, so only "p0.log" is read. A local address without "." fails the
@@ -154,7 +115,6 @@ TEST_F(LanScanTest, EmptySubnetSettingReadsTheLocalSubnetOnceTheWatchedProcessHa
   WriteLog(1, "  203.0.113.5           02-aa-bb-cc-ee-05     dynamic\r\n");
   scan.ARPTimer_Timer();
   EXPECT_EQ(Arp(), Texts{"198.51.100.7=02-AA-BB-CC-DD-07"});
-
   localIp = "localhost";
   table.ARPTable.RemoveAll();
   scan.BuildARPTable();
@@ -164,9 +124,7 @@ TEST_F(LanScanTest, EmptySubnetSettingReadsTheLocalSubnetOnceTheWatchedProcessHa
   scan.WatchProcess(platform::Process::StartCommand(WaitForFileCommand(home.Path(), release)));
   ASSERT_TRUE(scan.ProcessExists());
   scan.ARPTimer_Timer();
-  EXPECT_TRUE(table.ARPTable.Empty());
-  EXPECT_TRUE(scan.ARPTimerEnabled());
-
+  EXPECT_TRUE(table.ARPTable.Empty() && scan.ARPTimerEnabled());
   test::WriteFile(release, "");
   ASSERT_TRUE(test::WaitFor([&] { return !scan.ProcessExists(); }, 10s));
   scan.ARPTimer_Timer();
@@ -174,27 +132,28 @@ TEST_F(LanScanTest, EmptySubnetSettingReadsTheLocalSubnetOnceTheWatchedProcessHa
   EXPECT_FALSE(scan.ARPTimerEnabled());
 }
 
-// Loopback subnets are never probed, so the sweep ends on the next turn of the loop without a packet and
-// the whole native path runs: old logs deleted, results written by list number (blanks around a subnet
-// allowed), read at once.
-TEST_F(LanScanTest, NativeSweepWritesLogsByListNumberAndReadsThemAtOnce) {
+// Loopback subnets are never probed, so a sweep ends on the next turn of the loop without a packet. The
+// query waits in the pending-send list (no transport is up); Stop leaves nothing running. A sweep run to
+// its end deletes old logs, writes results by list number (blanks around a subnet allowed), reads at once.
+TEST_F(LanScanTest, QueryLanAsksEveryAgentThenSweepsUntilStoppedOrDoneWritingLogsByListNumber) {
   SetWol("Subnet", "127.0.0,10.1, 127.0.1 ,a.b.c");
-  table.ARPTable.Add("198.51.100.99", KeyValuePair{"198.51.100.99", "02-00-00-00-00-99"});
+  AddArp("198.51.100.99", "02-00-00-00-00-99");
+  scan.QueryLAN();
+  EXPECT_EQ(xap.Pending(),
+            (std::vector<XapQueuedMessage>{{"", "Computer.Process", "Computer.Query", "Query\001All"}}));
+  EXPECT_TRUE(scan.ProcessExists() && scan.ARPTimerEnabled());
+  scan.Stop();
+  EXPECT_FALSE(scan.ProcessExists() || scan.ARPTimerEnabled());
+  EXPECT_TRUE(LoopGoesIdle());
+  EXPECT_FALSE(fs::exists(LogFile(0)) || fs::exists(LogFile(2)));
   WriteLog(0, "  198.51.100.7          02-aa-bb-cc-dd-07     dynamic\r\n");
   scan.BuildARPTable();
   EXPECT_FALSE(fs::exists(LogFile(0)));
-
-  ASSERT_TRUE(test::WaitFor([&] {
-    io.restart();
-    io.poll();
-    return !scan.ProcessExists();
-  }));
+  ASSERT_TRUE(LoopGoesIdle());  // the logs are read at once, not on the next timer tick
   EXPECT_TRUE(fs::exists(LogFile(0)) && fs::exists(LogFile(2)));
   EXPECT_FALSE(fs::exists(LogFile(1)) || fs::exists(LogFile(3)));
-  EXPECT_EQ(Arp(), Texts{});
-  EXPECT_FALSE(scan.ARPTimerEnabled());
-  EXPECT_TRUE(LoopGoesIdle());
-  EXPECT_EQ(Reports(), Texts{"event|tavrel|BuildARPTable|5|Invalid subnet a.b.c"});
+  EXPECT_TRUE(Arp().empty() && !scan.ARPTimerEnabled() && !scan.ProcessExists());
+  EXPECT_EQ(Reports(), Texts(2, "event|tavrel|BuildARPTable|5|Invalid subnet a.b.c"));
 }
 
 }  // namespace
