@@ -43,7 +43,7 @@ class Home {
     dir_ = fs::temp_directory_path() / ("tavrel-bench-ini-" + std::to_string(std::random_device{}()));
     fs::create_directories(dir_);
     std::ofstream out(File(), std::ios::binary);
-    out << "[WOL]\nSubnet=192.168.1,192.168.2,192.168.3,192.168.4\nHTTPPort=8019\nSort=Name\nSortDir=asc\n";
+    out << "[WOL]\nSubnet=198.51.100,203.0.113\nHTTPPort=8019\nSort=Name\nSortDir=asc\n";
     out << "[Computer]\n";
     for (int i = 0; i < kComputers; ++i) out << "pc" << i << '=' << Ip(i) << '\n';
     out << "[ARP]\n";

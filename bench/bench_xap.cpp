@@ -75,8 +75,8 @@ void BuildMessage(benchmark::State& state) {
     m.msgTarget = "";
     m.AddHeader(kPrefix);
     m.AddSection("Computer.Notification");
-    m.AddItem("MAC", "192.168.1.7");
-    m.AddItem("IP", "192.168.1.7");
+    m.AddItem("MAC", "198.51.100.7");
+    m.AddItem("IP", "198.51.100.7");
     m.AddItem("Name", "pc7");
     std::string text = m.ToXap();
     benchmark::DoNotOptimize(text);
@@ -91,8 +91,8 @@ void ReferenceAppend(benchmark::State& state) {
     text.append(kPrefix).append("class=").append("Computer.Process").append("\n");
     text.append("source=").append("zel.WOL.host").append("\n}\n");
     text.append("Computer.Notification").append("\n{\n");
-    text.append("MAC").append("=").append("192.168.1.7").append("\n");
-    text.append("IP").append("=").append("192.168.1.7").append("\n");
+    text.append("MAC").append("=").append("198.51.100.7").append("\n");
+    text.append("IP").append("=").append("198.51.100.7").append("\n");
     text.append("Name").append("=").append("pc7").append("\n}\n");
     benchmark::DoNotOptimize(text);
   }

@@ -73,8 +73,8 @@ def main(argv):
         return 2
     ready_file, delay = argv[0], int(argv[1]) / 1000.0
     hosts = {}
-    for spec in argv[2:]:
-        namespace, ifname, ip, mac = spec.split(":", 3)
+    for entry in argv[2:]:
+        namespace, ifname, ip, mac = entry.split(":", 3)
         sock = open_in(namespace, ifname)
         hosts[sock.fileno()] = (sock, bytes.fromhex(mac.replace("-", "").replace(":", "")),
                                 socket.inet_aton(ip))

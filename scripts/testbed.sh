@@ -86,13 +86,13 @@ up() {
   ip -n "$scan" link set eth0 up
   ip -n "$scan" link set lo up
 
-  local i index=0 kind specs=()
+  local i index=0 kind late_entries=()
   for ((i = 1; i <= hosts; i++)); do
     index=$((index + 1))
     kind=normal
     if [ "$i" -gt $((hosts - late)) ]; then
       kind=late
-      specs+=("$prefix-h$index:eth0:198.51.100.$((i + 1)):$(mac_of "198.51.100.$((i + 1))")")
+      late_entries+=("$prefix-h$index:eth0:198.51.100.$((i + 1)):$(mac_of "198.51.100.$((i + 1))")")
     fi
     add_host "$index" "198.51.100.$((i + 1))" "$kind"
   done
@@ -101,8 +101,8 @@ up() {
     add_host "$index" "203.0.113.$((i + 1))" normal
   done
 
-  if [ ${#specs[@]} -gt 0 ]; then
-    python3 "$here/testbed-arp-responder.py" "$state/responder.ready" "$delay" "${specs[@]}" \
+  if [ ${#late_entries[@]} -gt 0 ]; then
+    python3 "$here/testbed-arp-responder.py" "$state/responder.ready" "$delay" "${late_entries[@]}" \
       >"$state/responder.log" 2>&1 &
     echo $! >"$state/responder.pid"
     local waited=0

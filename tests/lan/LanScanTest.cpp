@@ -65,11 +65,11 @@ class LanScanTest : public ::testing::Test {
 
 // The batch files are the whole contract with CMD.EXE, so their text is checked on every platform.
 TEST(BatchFilesTest, NumberedByListPositionWithCrLfInTheTempFolderOfTheHomeDrive) {
-  BatchFiles first = MakeBatchFiles(0, "192.168.1", "C:\\Temp");
+  BatchFiles first = MakeBatchFiles(0, "198.51.100", "C:\\Temp");
   EXPECT_EQ(first.p, "ping -n 1 -l 1 %1.%2\r\narp -a %1.%2\r\n");
-  EXPECT_EQ(first.p2, "for /l %%i in (1,1,254) do C:\\Temp\\p0.bat 192.168.1 %%i\r\n");
+  EXPECT_EQ(first.p2, "for /l %%i in (1,1,254) do C:\\Temp\\p0.bat 198.51.100 %%i\r\n");
   EXPECT_EQ(first.p3, "C:\\Temp\\p20.bat > C:\\Temp\\p0.log\r\n");
-  EXPECT_EQ(MakeBatchFiles(12, "172.16.5", "D:\\Temp").p3, "D:\\Temp\\p212.bat > D:\\Temp\\p12.log\r\n");
+  EXPECT_EQ(MakeBatchFiles(12, "203.0.113", "D:\\Temp").p3, "D:\\Temp\\p212.bat > D:\\Temp\\p12.log\r\n");
   EXPECT_EQ(BatchTempFolder("C:\\Program Files\\tavrel"), "C:\\Temp");
 }
 
@@ -92,16 +92,16 @@ TEST_F(LanScanTest, ReaderTakesDynamicLinesAndEachSubnetClearsTheTableButTheSett
   AddArp(localIp.c_str(), "02-00-00-00-00-14");
   AddArp("198.51.100.99", "02-00-00-00-00-99");
   WriteLog(0,
-           "  192.168.1.7           00-11-22-33-44-55     dynamic\r\n"
+           "  198.51.100.7           00-11-22-33-44-55     dynamic\r\n"
            "  198.51.100.9          02-aa-bb-cc-dd-09     dynamic   \r\n"
            "  dynamic\r\n"
-           "  192.168.1.7           02-aa-bb-cc-dd-99     dynamic\r\n"
+           "  198.51.100.7           02-aa-bb-cc-dd-99     dynamic\r\n"
            "  198.51.100.30         02-aa-bb-cc-dd-30     Dynamic\r\n"
            "198.51.100.11 02-Aa-bB-cc-dd-11 dynamic extra words\n");
   WriteLog(2, "  203.0.113.5           02-aa-bb-cc-ee-05     dynamic\r\n");
   scan.ARPTimer_Timer();
   EXPECT_EQ(Arp(), (Texts{"203.0.113.5=02-AA-BB-CC-EE-05", "198.51.100.20=02-00-00-00-00-14"}));
-  EXPECT_EQ(IniArp("192.168.1.7") + " " + IniArp("198.51.100.9") + " " + IniArp("198.51.100.11"),
+  EXPECT_EQ(IniArp("198.51.100.7") + " " + IniArp("198.51.100.9") + " " + IniArp("198.51.100.11"),
             "00-11-22-33-44-55 02-AA-BB-CC-DD-09 02-AA-BB-CC-DD-11");
   EXPECT_EQ(IniArp("198.51.100.30"), "");
   EXPECT_EQ(Reports(), Texts{"log|tavrel|ARPTimer_Timer|9|Subscript out of range"});

@@ -39,17 +39,17 @@ TEST_F(HsTest, EveryCallSeesTheFileAsItIsNowAndSavesAtOnce) {
   WriteFile(Config() / "t.ini", "[WOL]\nHTTPPort=8019\n");
   EXPECT_EQ(hs_.GetINISetting("WOL", "HTTPPort", "", "t.ini"), "8019");
   WriteFile(Config() / "t.ini", "[WOL]\nHTTPPort=9000\n");
-  hs_.SaveIniSetting("wol", "Subnet", "192.168.1", "t.ini");
+  hs_.SaveIniSetting("wol", "Subnet", "198.51.100", "t.ini");
   EXPECT_EQ(hs_.GetINISetting("WOL", "httpport", "", "t.ini"), "9000");
-  EXPECT_EQ(hs_.GetINISetting("WOL", "subnet", "", "t.ini"), "192.168.1");
+  EXPECT_EQ(hs_.GetINISetting("WOL", "subnet", "", "t.ini"), "198.51.100");
 }
 
 TEST_F(HsTest, SectionsComeAsPairsSeparatedByNulAndClearingRewritesTheFile) {
-  WriteFile(Config() / "t.ini", "[Computer]\npc1=10.0.0.5\npc2=\n[ARP]\n10.0.0.1=aa\n10.0.0.2=bb\n");
-  EXPECT_EQ(hs_.GetINISection("computer", "t.ini"), "PC1=10.0.0.5\0PC2="s);
+  WriteFile(Config() / "t.ini", "[Computer]\npc1=203.0.113.5\npc2=\n[ARP]\n203.0.113.1=aa\n203.0.113.2=bb\n");
+  EXPECT_EQ(hs_.GetINISection("computer", "t.ini"), "PC1=203.0.113.5\0PC2="s);
   EXPECT_EQ(hs_.GetINISection("none", "t.ini"), "=");  // the one empty name of a section without keys
   hs_.ClearINISection("arp", "t.ini");
-  EXPECT_EQ(ReadFile(Config() / "t.ini"), "[COMPUTER]" + nl_ + "PC1=10.0.0.5" + nl_ + "PC2=" + nl_);
+  EXPECT_EQ(ReadFile(Config() / "t.ini"), "[COMPUTER]" + nl_ + "PC1=203.0.113.5" + nl_ + "PC2=" + nl_);
 }
 
 }  // namespace

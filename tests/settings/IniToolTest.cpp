@@ -69,10 +69,10 @@ TEST_F(IniToolTest, ReadsValuesAsWrittenTheFirstOfDuplicateNamesWinsAndBadLinesA
 TEST_F(IniToolTest, SaveSortsByTextWithoutRegardToCaseKeepsABackupAndSurvivesHostileBytes) {
   const std::string text =
       "; settings\nloose=1\n[WOL]\nSubnet=1\n[empty]\n[B_x]\nk=1\n[ba]\nz=Mixed Case\na=\n"
-      "[ARP]\n10.0.0.2=00-11\n10.0.0.10=00-22\n";
+      "[ARP]\n203.0.113.2=00-11\n203.0.113.10=00-22\n";
   // "_" sorts before letters once they are folded to lower case; sections without values go.
-  const std::string sorted = Lines({"LOOSE=1", "[ARP]", "10.0.0.10=00-22", "10.0.0.2=00-11", "[B_X]", "K=1",
-                                    "[BA]", "A=", "Z=Mixed Case", "[WOL]", "SUBNET=1"});
+  const std::string sorted = Lines({"LOOSE=1", "[ARP]", "203.0.113.10=00-22", "203.0.113.2=00-11", "[B_X]",
+                                    "K=1", "[BA]", "A=", "Z=Mixed Case", "[WOL]", "SUBNET=1"});
   EXPECT_EQ(Resaved(text), sorted);
   EXPECT_EQ(ReadFile(File().string() + "_bck"), text);
   EXPECT_EQ(Resaved(sorted), sorted);
