@@ -12,20 +12,6 @@ extern char** environ;
 
 namespace tavrel::platform {
 
-Process::~Process() { Release(); }
-
-Process::Process(Process&& other) noexcept
-    : id_(std::exchange(other.id_, 0)), ended_(std::exchange(other.ended_, true)) {}
-
-Process& Process::operator=(Process&& other) noexcept {
-  if (this != &other) {
-    Release();
-    id_ = std::exchange(other.id_, 0);
-    ended_ = std::exchange(other.ended_, true);
-  }
-  return *this;
-}
-
 // A child that has already ended is reaped here; one still running is left alone (the shell of a
 // sweep ends by itself).
 void Process::Release() {

@@ -12,20 +12,6 @@ namespace {
 HANDLE AsHandle(std::uintptr_t id) { return reinterpret_cast<HANDLE>(id); }
 }  // namespace
 
-Process::~Process() { Release(); }
-
-Process::Process(Process&& other) noexcept
-    : id_(std::exchange(other.id_, 0)), ended_(std::exchange(other.ended_, true)) {}
-
-Process& Process::operator=(Process&& other) noexcept {
-  if (this != &other) {
-    Release();
-    id_ = std::exchange(other.id_, 0);
-    ended_ = std::exchange(other.ended_, true);
-  }
-  return *this;
-}
-
 void Process::Release() {
   if (id_ != 0) CloseHandle(AsHandle(id_));
   id_ = 0;
