@@ -31,7 +31,6 @@ bool IsWritableFolder(const std::filesystem::path& folder) {
 
 CommandLine ParseCommandLine(const std::vector<std::string>& args) {
   CommandLine cmd;
-  size_t i = 0;
   if (!args.empty() && (args[0] == "wake" || args[0] == "scan")) {
     cmd.action = args[0] == "wake" ? CommandLine::Action::Wake : CommandLine::Action::Scan;
     cmd.arguments.assign(args.begin() + 1, args.end());
@@ -43,7 +42,7 @@ CommandLine ParseCommandLine(const std::vector<std::string>& args) {
     }
     return cmd;
   }
-  for (; i < args.size(); ++i) {
+  for (size_t i = 0; i < args.size(); ++i) {
     const std::string& a = args[i];
     if (a == "--version") {
       cmd.action = CommandLine::Action::Version;

@@ -20,7 +20,10 @@ Tavrel::Tavrel(asio::io_context& io, std::filesystem::path home, const Clock& cl
       log_(home_ / "Data", clock, xapGlobal_),
       hs_(home_ / "Config", log_) {}
 
-Tavrel::~Tavrel() {
+Tavrel::~Tavrel() { TakeDown(); }
+
+// Sockets closed, timers and a running sweep stopped: afterwards nothing is left for the loop to do.
+void Tavrel::TakeDown() {
   xapGlobal_.SetTransport(nullptr);
   if (lanScan_) lanScan_->Stop();
   if (transport_) transport_->Close();
@@ -157,9 +160,7 @@ void Tavrel::MenuArray_Click(int index) {
 void Tavrel::Form_unload() {
   if (!exiting_) return;
   // Nothing is saved here: every change was written to the INI file when it was made.
-  xapGlobal_.SetTransport(nullptr);
-  if (lanScan_) lanScan_->Stop();
-  if (transport_) transport_->Close();
+  TakeDown();
   io_.stop();
 }
 

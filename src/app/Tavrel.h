@@ -63,6 +63,7 @@ class Tavrel {
  private:
   bool StartXap();
   void RegisterOwnAddress();
+  void TakeDown();
   void ReadSection(const char* section, bool computers);
 
   asio::io_context& io_;

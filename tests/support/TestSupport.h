@@ -26,7 +26,7 @@ class TempDir {
   std::filesystem::path path_;
 };
 
-// Every WriteLog and ReportEvent call, in order, as "module|text|number|description|line".
+// Every WriteLog and ReportEvent call, in order.
 class RecordingReporter : public Reporter {
  public:
   struct Call {
