@@ -17,6 +17,7 @@ Tavrel::Tavrel(asio::io_context& io, std::filesystem::path home, const Clock& cl
       home_(std::move(home)),
       clock_(clock),
       options_(options),
+      timers_(io),
       log_(home_ / "Data", clock, xapGlobal_),
       hs_(home_ / "Config", log_) {}
 
@@ -25,6 +26,8 @@ Tavrel::~Tavrel() { TakeDown(); }
 // Sockets closed, timers and a running sweep stopped: afterwards nothing is left for the loop to do.
 void Tavrel::TakeDown() {
   xapGlobal_.SetTransport(nullptr);
+  if (transport_ && xapStarted_) transport_->SendStoppedHeartbeat();
+  xapStarted_ = false;
   if (lanScan_) lanScan_->Stop();
   if (transport_) transport_->Close();
 }
@@ -41,7 +44,7 @@ bool Tavrel::form_load() {
     LoadIni();
     RegisterOwnAddress();
     lanScan_ = std::make_unique<LanScan>(
-        io_, table_, hs_, xapGlobal_, log_, [this] { return transport_->LocalIP(); }, home_);
+        io_, timers_, table_, hs_, xapGlobal_, log_, [this] { return transport_->LocalIP(); }, home_);
     return true;
   } catch (const std::exception& e) {
     log_.WriteLog(kModule, "Main Load", Err::From(e));
@@ -50,7 +53,7 @@ bool Tavrel::form_load() {
 }
 
 bool Tavrel::StartXap() {
-  transport_ = std::make_unique<XapTransport>(io_, log_);
+  transport_ = std::make_unique<XapTransport>(io_, log_, timers_);
   transport_->RegisterNewMessageCallback([this] { onMessage(); });
   transport_->SetXapSource(XapSource());
   transport_->SetXapUID(kXapUID);
@@ -129,7 +132,8 @@ void Tavrel::RegisterOwnAddress() {
 void Tavrel::onMessage() {
   if (inMessage_ || !transport_) return;
   inMessage_ = true;
-  for (std::string text = transport_->GetMessage(); !text.empty(); text = transport_->GetMessage()) {
+  for (size_t queued = transport_->QueueLength(); queued > 0; --queued) {
+    const std::string text = transport_->GetMessage();
     try {
       handler_->Handle(text);
     } catch (const std::exception& e) {

@@ -9,6 +9,7 @@
 #include "app/Log.h"
 #include "core/Clock.h"
 #include "core/ComputerTable.h"
+#include "core/Timer.h"
 #include "settings/Hs.h"
 #include "xap/XapGlobal.h"
 #include "xap/XapStartup.h"
@@ -40,7 +41,8 @@ class Tavrel {
   // Start-up. False when the program must end (the reason is in the log file).
   bool form_load();
   void LoadIni();
-  // Drains the xAP receive queue into the message handler; does nothing when already draining.
+  // Hands the messages queued when it begins to the message handler; what arrives meanwhile waits for
+  // the next call, so the loop has its turn in between. Does nothing when already draining.
   void onMessage();
   void MenuArray_Click(int index);
   // With Exiting set: takes the parts down so the loop runs out. Without: nothing (the program stays).
@@ -71,6 +73,7 @@ class Tavrel {
   const Clock& clock_;
   Options options_;
 
+  LoopTimers timers_;
   XapGlobal xapGlobal_;
   Log log_;
   Hs hs_;

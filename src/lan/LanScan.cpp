@@ -91,16 +91,16 @@ BatchFiles MakeBatchFiles(int i, const std::string& subnet, const std::string& t
 
 std::string BatchTempFolder(const std::string& home) { return home.substr(0, 3) + "Temp"; }
 
-LanScan::LanScan(asio::io_context& io, ComputerTable& table, Hs& hs, XapGlobal& xap, Reporter& reporter,
-                 std::function<std::string()> localIP, fs::path home)
+LanScan::LanScan(asio::io_context& io, TimerFactory& timers, ComputerTable& table, Hs& hs, XapGlobal& xap,
+                 Reporter& reporter, std::function<std::string()> localIP, fs::path home)
     : table_(table),
       hs_(hs),
       xap_(xap),
       reporter_(reporter),
       localIP_(std::move(localIP)),
       home_(std::move(home)),
-      timer_(io),
-      sweep_(io, reporter) {}
+      timer_(timers.Create()),
+      sweep_(io, reporter, timers) {}
 
 LanScan::~LanScan() = default;
 
@@ -230,9 +230,8 @@ void LanScan::StartNativeSweep(const std::vector<std::string>& subnets) {
     sweep_.Cancel();
     return;
   }
-  std::weak_ptr<int> alive = alive_;
-  sweep_.Start(std::move(probe), [this, alive, numbers](const std::vector<std::vector<ArpEntry>>& results) {
-    if (alive.expired()) return;
+  // The sweep belongs to this scan: it is cancelled, and never calls back, once the scan is gone.
+  sweep_.Start(std::move(probe), [this, numbers](const std::vector<std::vector<ArpEntry>>& results) {
     OnSweepDone(numbers, results);
   });
 }
@@ -334,28 +333,9 @@ void LanScan::Stop() {
 }
 
 void LanScan::EnableTimer() {
-  timerEnabled_ = true;
-  ArmTimer();
+  timer_->StartRepeating(kTimerPeriod, [this] { ARPTimer_Timer(); });
 }
 
-void LanScan::DisableTimer() {
-  timerEnabled_ = false;
-  ++timerGeneration_;
-  timer_.cancel();
-}
-
-// Each arming gets a generation, so a tick already queued when the timer was switched off or re-armed
-// is dropped.
-void LanScan::ArmTimer() {
-  const unsigned generation = ++timerGeneration_;
-  timer_.expires_after(kTimerPeriod);
-  std::weak_ptr<int> alive = alive_;
-  timer_.async_wait([this, alive, generation](const std::error_code& ec) {
-    if (alive.expired() || ec) return;
-    if (!timerEnabled_ || generation != timerGeneration_) return;
-    ARPTimer_Timer();
-    if (timerEnabled_ && generation == timerGeneration_) ArmTimer();
-  });
-}
+void LanScan::DisableTimer() { timer_->Stop(); }
 
 }  // namespace tavrel

@@ -9,10 +9,10 @@
 #include <vector>
 
 #include <asio/io_context.hpp>
-#include <asio/steady_timer.hpp>
 
 #include "core/ComputerTable.h"
 #include "core/Reporter.h"
+#include "core/Timer.h"
 #include "lan/NativeSweep.h"
 #include "platform/Process.h"
 #include "settings/Hs.h"
@@ -35,8 +35,8 @@ std::string BatchTempFolder(const std::string& home);
 // section "ARP" of the settings. All of it runs on the io_context and never blocks it.
 class LanScan {
  public:
-  LanScan(asio::io_context& io, ComputerTable& table, Hs& hs, XapGlobal& xap, Reporter& reporter,
-          std::function<std::string()> localIP, std::filesystem::path home);
+  LanScan(asio::io_context& io, TimerFactory& timers, ComputerTable& table, Hs& hs, XapGlobal& xap,
+          Reporter& reporter, std::function<std::string()> localIP, std::filesystem::path home);
   ~LanScan();
   LanScan(const LanScan&) = delete;
   LanScan& operator=(const LanScan&) = delete;
@@ -49,7 +49,7 @@ class LanScan {
   void ARPTimer_Timer();
   // True while the sweep last started still runs.
   bool ProcessExists() const;
-  bool ARPTimerEnabled() const { return timerEnabled_; }
+  bool ARPTimerEnabled() const { return timer_->Armed(); }
   // At exit: cancels the timer and a running native sweep. A batch interpreter runs on by itself; no
   // file is touched.
   void Stop();
@@ -76,7 +76,6 @@ class LanScan {
 
   void EnableTimer();
   void DisableTimer();
-  void ArmTimer();
 
   ComputerTable& table_;
   Hs& hs_;
@@ -85,13 +84,9 @@ class LanScan {
   std::function<std::string()> localIP_;
   std::filesystem::path home_;
 
-  asio::steady_timer timer_;
-  bool timerEnabled_ = false;
-  unsigned timerGeneration_ = 0;
+  std::unique_ptr<Timer> timer_;
   NativeSweep sweep_;
   platform::Process watched_;
-  // Handlers queued on the loop hold a weak reference, so none of them runs into a destroyed scan.
-  std::shared_ptr<int> alive_ = std::make_shared<int>(0);
 };
 
 }  // namespace tavrel

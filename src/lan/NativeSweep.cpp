@@ -7,7 +7,6 @@
 #include <utility>
 
 #include <asio/post.hpp>
-#include <asio/steady_timer.hpp>
 
 #include "core/Text.h"
 #include "platform/LineEnd.h"
@@ -72,15 +71,14 @@ class StreamReporter : public Reporter {
 
 // One sweep in flight. Handlers hold it weakly, so a cancelled or replaced sweep simply stops.
 struct SweepRun {
-  SweepRun(asio::io_context& io, std::vector<Ipv4> bases, NativeSweep::Done done)
-      : timer(io), bases(std::move(bases)), done(std::move(done)) {}
+  SweepRun(TimerFactory& timers, std::vector<Ipv4> bases, NativeSweep::Done done)
+      : timer(timers.Create()), bases(std::move(bases)), done(std::move(done)) {}
 
-  asio::steady_timer timer;
+  std::unique_ptr<Timer> timer;
   std::vector<Ipv4> bases;  // per subnet given; 0 for one that is not probed
   std::vector<Ipv4> addresses;
   NativeSweep::Done done;
   std::shared_ptr<platform::NeighbourProbe> probe;
-  std::chrono::steady_clock::time_point started;
 };
 
 }  // namespace
@@ -99,11 +97,12 @@ const NativeSweep::Timing NativeSweep::kTiming{std::chrono::milliseconds(300),
                                                std::chrono::milliseconds(800)};
 
 struct NativeSweep::Impl {
-  Impl(asio::io_context& io, Reporter& reporter, ProbeOpener opener, Timing timing)
-      : io(io), reporter(reporter), opener(std::move(opener)), timing(timing) {}
+  Impl(asio::io_context& io, Reporter& reporter, TimerFactory& timers, ProbeOpener opener, Timing timing)
+      : io(io), reporter(reporter), timers(timers), opener(std::move(opener)), timing(timing) {}
 
   asio::io_context& io;
   Reporter& reporter;
+  TimerFactory& timers;
   ProbeOpener opener;
   Timing timing;
   std::shared_ptr<SweepRun> run;
@@ -113,11 +112,12 @@ struct NativeSweep::Impl {
   void ReportSendFailures(const SweepRun& current);
 };
 
-NativeSweep::NativeSweep(asio::io_context& io, Reporter& reporter)
-    : NativeSweep(io, reporter, platform::OpenNeighbourProbe, kTiming) {}
+NativeSweep::NativeSweep(asio::io_context& io, Reporter& reporter, TimerFactory& timers)
+    : NativeSweep(io, reporter, timers, platform::OpenNeighbourProbe, kTiming) {}
 
-NativeSweep::NativeSweep(asio::io_context& io, Reporter& reporter, ProbeOpener opener, Timing timing)
-    : impl_(std::make_unique<Impl>(io, reporter, std::move(opener), timing)) {}
+NativeSweep::NativeSweep(asio::io_context& io, Reporter& reporter, TimerFactory& timers, ProbeOpener opener,
+                         Timing timing)
+    : impl_(std::make_unique<Impl>(io, reporter, timers, std::move(opener), timing)) {}
 
 NativeSweep::~NativeSweep() { Cancel(); }
 
@@ -125,7 +125,7 @@ bool NativeSweep::Running() const { return impl_->run != nullptr; }
 
 void NativeSweep::Cancel() {
   if (!impl_->run) return;
-  impl_->run->timer.cancel();
+  impl_->run->timer->Stop();
   impl_->run.reset();
 }
 
@@ -136,13 +136,12 @@ void NativeSweep::Start(std::vector<std::string> subnets, Done done) {
     Ipv4 base = 0;
     bases.push_back(SubnetBase(subnet, base) ? base : 0);
   }
-  auto current = std::make_shared<SweepRun>(impl_->io, std::move(bases), std::move(done));
+  auto current = std::make_shared<SweepRun>(impl_->timers, std::move(bases), std::move(done));
   impl_->run = current;
   for (Ipv4 base : current->bases) {
     if (base == 0) continue;
     for (int host = kFirstHost; host <= kLastHost; ++host) current->addresses.push_back(base | host);
   }
-  current->started = std::chrono::steady_clock::now();
   if (!current->addresses.empty()) {
     std::error_code ec;
     current->probe = impl_->opener(impl_->io, ec);
@@ -158,10 +157,8 @@ void NativeSweep::Start(std::vector<std::string> subnets, Done done) {
     return;
   }
   current->probe->Probe(current->addresses);
-  current->timer.expires_at(current->started + impl_->timing.RetryAfter);
-  current->timer.async_wait([this, weak = std::weak_ptr<SweepRun>(current)](std::error_code ec) {
-    auto run = weak.lock();
-    if (!ec && run && run == impl_->run) impl_->Retry(run);
+  current->timer->Start(impl_->timing.RetryAfter, [this, weak = std::weak_ptr<SweepRun>(current)] {
+    if (auto run = weak.lock(); run && run == impl_->run) impl_->Retry(run);
   });
 }
 
@@ -177,10 +174,8 @@ void NativeSweep::Impl::Retry(const std::shared_ptr<SweepRun>& current) {
     return;
   }
   current->probe->Probe(silent);
-  current->timer.expires_at(current->started + timing.Deadline);
-  current->timer.async_wait([this, weak = std::weak_ptr<SweepRun>(current)](std::error_code ec) {
-    auto run = weak.lock();
-    if (!ec && run && run == this->run) Finish(run);
+  current->timer->Start(timing.Deadline - timing.RetryAfter, [this, weak = std::weak_ptr<SweepRun>(current)] {
+    if (auto run = weak.lock(); run && run == this->run) Finish(run);
   });
 }
 
@@ -269,7 +264,8 @@ int ScanCommand(const std::vector<std::string>& subnets, std::ostream& out, std:
 
   asio::io_context io;
   StreamReporter reporter(err);
-  NativeSweep sweep(io, reporter);
+  LoopTimers timers(io);
+  NativeSweep sweep(io, reporter, timers);
   std::vector<std::vector<ArpEntry>> results;
   sweep.Start(subnets,
               [&results](const std::vector<std::vector<ArpEntry>>& perSubnet) { results = perSubnet; });

@@ -10,6 +10,7 @@
 #include <asio/io_context.hpp>
 
 #include "core/Reporter.h"
+#include "core/Timer.h"
 #include "platform/Neighbours.h"
 
 namespace tavrel {
@@ -40,9 +41,10 @@ class NativeSweep {
   using ProbeOpener =
       std::function<std::shared_ptr<platform::NeighbourProbe>(asio::io_context&, std::error_code&)>;
 
-  NativeSweep(asio::io_context& io, Reporter& reporter);
+  NativeSweep(asio::io_context& io, Reporter& reporter, TimerFactory& timers);
   // With another way to reach the link and other timing (tests).
-  NativeSweep(asio::io_context& io, Reporter& reporter, ProbeOpener opener, Timing timing);
+  NativeSweep(asio::io_context& io, Reporter& reporter, TimerFactory& timers, ProbeOpener opener,
+              Timing timing);
   ~NativeSweep();
   NativeSweep(const NativeSweep&) = delete;
   NativeSweep& operator=(const NativeSweep&) = delete;

@@ -8,9 +8,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <functional>
 #include <regex>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -37,6 +39,11 @@ class Hub {
     sockaddr_in addr = Loopback(0);
     if (fd_ < 0 || bind(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
       throw std::runtime_error("hub socket");
+    }
+    // Room for a whole burst of answers (root may go past the system's cap).
+    int room = 16 << 20;
+    if (setsockopt(fd_, SOL_SOCKET, SO_RCVBUFFORCE, &room, sizeof room) != 0) {
+      setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &room, sizeof room);
     }
     socklen_t len = sizeof addr;
     getsockname(fd_, reinterpret_cast<sockaddr*>(&addr), &len);
@@ -103,6 +110,12 @@ class Node {
     }
   }
   void Signal(int sig) { kill(pid_, sig); }
+  // The program's resident memory in KiB, from /proc.
+  long RssKiB() const {
+    std::string status = ReadFile("/proc/" + std::to_string(pid_) + "/status");
+    size_t at = status.find("VmRSS:");
+    return at == std::string::npos ? -1 : std::atol(status.c_str() + at + 6);
+  }
   // The program's exit code, or -1 when it did not end within the deadline (it is then killed).
   int WaitExit() {
     auto end = steady_clock::now() + 10s;
@@ -197,7 +210,11 @@ TEST_F(NodeTest, StartsWithHeartbeatThenHeldReportsThenThePortEvent) {
             FromNode("Homeseer.Event", "", "Event.Log",
                      "Time=*\nType=tavrel\nData=Using xAP port " + std::to_string(port) + "\n"));
 
+  // A clean exit says so to the hub at once.
   node.Signal(SIGTERM);
+  EXPECT_EQ(hub.ReceiveUntil([](const std::string& t) { return t.rfind("xap-hbeat", 0) == 0; }),
+            "xap-hbeat\n{\nv=12\nhop=1\nuid=FF001500\nclass=xap-hbeat.stopped\nsource=" + NodeSource() +
+                "\ninterval=600\nport=" + std::to_string(port) + "\n}\n");
   EXPECT_EQ(node.WaitExit(), 0);
   // This machine's own address went into section ARP.
   EXPECT_NE(node.Ini().find("[ARP]"), std::string::npos);
@@ -252,6 +269,50 @@ TEST_F(NodeTest, LearnsANewSenderOnceAndQueriesIt) {
 
   node.Signal(SIGTERM);
   EXPECT_EQ(node.WaitExit(), 0);
+}
+
+// A burst is answered whole; a stream that never ends neither starves a signal nor grows memory.
+TEST_F(NodeTest, BurstIsAnsweredWholeAndAStreamNeitherDelaysASignalNorGrowsMemory) {
+  Node node(hub.Port());
+  int port = StartNode(node);
+  constexpr int kBurst = 10000;
+  std::set<std::string> answered;
+  std::thread reader([&] {
+    while (answered.size() < kBurst) {
+      std::string t = hub.Receive(3s);
+      if (t.empty()) break;
+      if (IsClass(t, "WDT.Echo")) answered.insert(Field(t, "Response"));
+    }
+  });
+  for (int i = 0; i < kBurst; ++i) {
+    hub.SendTo(port,
+               Message("WDT.Echo", "acme.watch.test", "", "Echo.Query", "Query=" + std::to_string(i) + "\n"));
+  }
+  reader.join();
+  EXPECT_EQ(answered.size(), size_t{kBurst});
+
+  // Two senders as fast as they can; messages of a class the node does not answer, from a known sender.
+  std::atomic<bool> streaming{true};
+  const std::string idle = Message("xap.anything", "acme.agent.pcs", "", "x", "a=1\n");
+  auto sender = [&] {
+    Hub source;
+    while (streaming) source.SendTo(port, idle);
+  };
+  std::thread first(sender), second(sender);
+  std::this_thread::sleep_for(1s);
+  const long rss = node.RssKiB();
+  const auto asked = steady_clock::now();
+  node.Signal(SIGTERM);
+  const int code = node.WaitExit();
+  const auto waited = std::chrono::duration_cast<std::chrono::milliseconds>(steady_clock::now() - asked);
+  streaming = false;
+  first.join();
+  second.join();
+  EXPECT_EQ(code, 0);
+  EXPECT_LT(waited, 1s) << "the signal waited behind the stream";
+#if !defined(__SANITIZE_ADDRESS__)
+  EXPECT_LT(rss, 16 * 1024) << "KiB resident during the stream";
+#endif
 }
 
 TEST_F(NodeTest, WakeRequestSendsTheMagicPacketToTheComputersSubnet) {

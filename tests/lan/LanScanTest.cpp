@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include "ManualTimers.h"
 #include "TestSupport.h"
 #include "lan/LanScan.h"
 
@@ -46,11 +47,11 @@ class LanScanTest : public ::testing::Test {
                       std::to_string(c.err.Number) + "|" + c.err.Description);
     return texts;
   }
-  // True when the loop runs out of work: no timer or sweep is left waiting.
+  // True when the loop runs out of work and no timer is left armed.
   bool LoopGoesIdle() {
     io.restart();
     io.run_for(5s);
-    return io.stopped();
+    return io.stopped() && timers.ArmedCount() == 0;
   }
 
   test::TempDir home;
@@ -60,7 +61,8 @@ class LanScanTest : public ::testing::Test {
   ComputerTable table;
   asio::io_context io;
   std::string localIp = "198.51.100.20";
-  LanScan scan{io, table, hs, xap, reporter, [this] { return localIp; }, home.Path()};
+  test::ManualTimers timers;
+  LanScan scan{io, timers, table, hs, xap, reporter, [this] { return localIp; }, home.Path()};
 };
 
 // The batch files are the whole contract with CMD.EXE, so their text is checked on every platform.

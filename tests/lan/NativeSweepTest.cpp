@@ -7,6 +7,7 @@
 #include "lan/NativeSweep.h"
 #include "platform/LineEnd.h"
 #include "platform/NeighbourWire.h"
+#include "support/ManualTimers.h"
 #include "support/TestSupport.h"
 
 namespace tavrel {
@@ -156,7 +157,7 @@ class SweepTest : public ::testing::Test {
       if (!opens) ec = make_error_code(std::errc::permission_denied);
       return opens ? std::shared_ptr<NeighbourProbe>(probe) : nullptr;
     };
-    return NativeSweep(io, reporter, opener, {20ms, 60ms});
+    return NativeSweep(io, reporter, timers, opener, {20ms, 60ms});
   }
   // Runs one sweep to its end: what Done got (before it throws, if told to).
   std::optional<Result> Sweep(auto&& sweep, std::vector<std::string> subnets, bool doneThrows = false) {
@@ -166,8 +167,11 @@ class SweepTest : public ::testing::Test {
       if (doneThrows) throw std::runtime_error("disk full");
     });
     EXPECT_TRUE(sweep.Running() && !result);  // Done never runs from inside Start
-    io.restart();
-    io.run_for(5s);
+    for (int step = 0; step < 20 && sweep.Running(); ++step) {
+      io.restart();
+      io.poll();
+      timers.Advance(10ms);
+    }
     EXPECT_FALSE(sweep.Running());
     return result;
   }
@@ -180,6 +184,7 @@ class SweepTest : public ::testing::Test {
     return texts;
   }
   asio::io_context io;
+  test::ManualTimers timers;
   test::RecordingReporter reporter;
   std::shared_ptr<FakeProbe> probe = std::make_shared<FakeProbe>();
 };

@@ -1,6 +1,4 @@
 #include <chrono>
-#include <functional>
-#include <optional>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -9,171 +7,198 @@
 #include <asio/ip/udp.hpp>
 #include <gtest/gtest.h>
 
+#include "ManualTimers.h"
 #include "TestSupport.h"
 #include "xap/XapTransport.h"
 
 namespace tavrel {
 namespace {
 
-using asio::ip::udp;
 using namespace std::chrono_literals;
 using namespace std::string_literals;
-using Clock = std::chrono::steady_clock;
 
-const asio::ip::address_v4 kLoopback = asio::ip::address_v4::loopback();
-
-// Every transport here sends to 127.0.0.1 only: its "broadcast" target is a peer socket of the test,
-// bound on loopback, whose port stands in for the xAP port (so the transport listens on a fallback port).
-class TransportTest : public ::testing::Test {
- protected:
-  TransportTest() : peer_(io_, udp::endpoint(kLoopback, 0)), xap_(io_, log_) {
-    xap_.SetBroadcastAddress("127.0.0.1");
-    xap_.SetPort(peer_.local_endpoint().port());
-    xap_.SetXapSource("zel.WOL.host");
-    xap_.SetXapUID("FF001500");
-    xap_.RegisterNewMessageCallback([this] { ++callbacks_; });
+// Every datagram the node sends, in order; fails sends while told to.
+class RecordingSink : public DatagramSink {
+ public:
+  Err SendDatagram(std::string_view text) override {
+    if (failing) return Err{10065, "No route to host", 0};
+    sent.emplace_back(text);
+    return {};
   }
-
-  bool RunUntil(const std::function<bool()>& cond, std::chrono::milliseconds deadline = 3s) {
-    for (const auto end = Clock::now() + deadline; !cond() && Clock::now() < end;) RunFor(5ms);
-    return cond();
-  }
-  void RunFor(std::chrono::milliseconds span) {
-    io_.restart();
-    io_.run_for(span);
-  }
-  std::optional<std::string> Receive(std::chrono::milliseconds deadline = 3s) {
-    if (!RunUntil([&] { return peer_.available() > 0; }, deadline)) return std::nullopt;
-    return std::string(buffer_.data(), peer_.receive(asio::buffer(buffer_)));
-  }
-  void SendToTransport(const std::string& text) {
-    peer_.send_to(asio::buffer(text),
-                  udp::endpoint(kLoopback, static_cast<unsigned short>(xap_.LocalPort())));
-  }
-  void Init() { ASSERT_GT(xap_.Init(), 0); }
-  std::string Heartbeat(const std::string& interval) const {
-    return "xap-hbeat\n{\nv=12\nhop=1\nuid=FF001500\nclass=xap-hbeat.alive\nsource=zel.WOL.host\ninterval=" +
-           interval + "0\nport=" + std::to_string(xap_.LocalPort()) + "\n}\n";
-  }
-  std::string Logged() const {
-    std::string text;
-    for (const auto& c : log_.calls)
-      text += c.module + "|" + c.text + "|" + std::to_string(c.err.Number) + "\n";
-    return text;
-  }
-
-  asio::io_context io_;
-  test::RecordingReporter log_;
-  udp::socket peer_;
-  XapTransport xap_;
-  int callbacks_ = 0;
-  std::vector<char> buffer_ = std::vector<char>(65536);
+  std::vector<std::string> Take() { return std::exchange(sent, {}); }
+  std::vector<std::string> sent;
+  bool failing = false;
 };
 
-TEST_F(TransportTest, HeartbeatIntervalIsClampedAndAnOutOfRangeOneIsRefused) {
-  Init();
+class NodeRulesTest : public ::testing::Test {
+ protected:
+  NodeRulesTest() {
+    node.SetXapSource("zel.WOL.host");
+    node.SetXapUID("FF001500");
+    node.SetLocalPort(3639);
+    node.RegisterNewMessageCallback([this] { ++callbacks; });
+  }
+  static std::string Heartbeat(const std::string& interval, const char* state = "alive") {
+    return "xap-hbeat\n{\nv=12\nhop=1\nuid=FF001500\nclass=xap-hbeat."s + state +
+           "\nsource=zel.WOL.host\ninterval=" + interval + "0\nport=3639\n}\n";
+  }
+  std::string Logged() {
+    std::string text;
+    for (const auto& c : log.calls) text += c.text + "|" + std::to_string(c.err.Number) + "\n";
+    log.calls.clear();
+    return text;
+  }
+  std::vector<std::string> Drain() {
+    std::vector<std::string> texts;
+    for (std::string t = node.GetMessage(); !t.empty(); t = node.GetMessage()) texts.push_back(t);
+    return texts;
+  }
+
+  test::RecordingReporter log;
+  test::ManualTimers timers;
+  RecordingSink sink;
+  XapNode node{log, timers, sink};
+  int callbacks = 0;
+};
+
+TEST_F(NodeRulesTest, HeartbeatIntervalIsClampedAndAnOutOfRangeOneIsRefused) {
   const std::tuple<long, const char*, long> cases[] = {
       {60, "60", 60000}, {3, "5", 5000}, {-7, "0", 0}, {12, "12", 12000}};
   for (const auto& [asked, sent, timerMs] : cases) {
-    xap_.SendHeartbeat(asked);
-    EXPECT_EQ(Receive(), Heartbeat(sent)) << asked;
-    EXPECT_EQ(xap_.HeartbeatTimerInterval(), timerMs);
+    node.SendHeartbeat(asked);
+    EXPECT_EQ(sink.Take(), std::vector{Heartbeat(sent)}) << asked;
+    EXPECT_EQ(node.HeartbeatTimerInterval(), timerMs);
+    EXPECT_EQ(node.HeartbeatTimerEnabled(), timerMs > 0);
   }
   // Above 60 becomes 60000 s, which the timer refuses: logged, nothing sent, the timer unchanged.
-  xap_.SendHeartbeat(61);
-  EXPECT_EQ(Logged(), "tavrel|SendHeartbeat|380\n");
-  EXPECT_EQ(log_.calls[0].err.Description, "Invalid property value");
-  EXPECT_EQ(Receive(300ms), std::nullopt);
-  EXPECT_EQ(xap_.HeartbeatTimerInterval(), 12000);
+  node.SendHeartbeat(61);
+  EXPECT_EQ(Logged(), "SendHeartbeat|380\n");
+  EXPECT_TRUE(sink.Take().empty());
+  EXPECT_EQ(node.HeartbeatTimerInterval(), 12000);
 }
 
-TEST_F(TransportTest, TimerSendsOnEveryTenthTickAndZeroStopsIt) {
-  xap_.SetTimerSecond(10ms);
-  Init();
-  xap_.SendHeartbeat(5);  // ticks every 50 ms, so a heartbeat every 500 ms
-  ASSERT_EQ(Receive(), Heartbeat("5"));
-  const auto first = Clock::now();
-  ASSERT_EQ(Receive(), Heartbeat("5"));
-  const auto gap = Clock::now() - first;
-  EXPECT_GE(gap, 450ms);
-  EXPECT_LT(gap, 2000ms);
-  xap_.SendHeartbeat(0);
-  EXPECT_EQ(Receive(), Heartbeat("0"));
-  EXPECT_EQ(Receive(800ms), std::nullopt);
+TEST_F(NodeRulesTest, TimerSendsOnEveryTenthTickZeroStopsItAndAStoppedHeartbeatEndsIt) {
+  node.SendHeartbeat(5);  // ticks every 5 s, so a heartbeat every 50 s stating 50
+  sink.Take();
+  timers.Advance(49s);
+  EXPECT_TRUE(sink.Take().empty());
+  timers.Advance(1s);
+  EXPECT_EQ(sink.Take(), std::vector{Heartbeat("5")});
+  timers.Advance(50s);
+  EXPECT_EQ(sink.Take().size(), 1u);
+  node.SendHeartbeat(0);
+  EXPECT_EQ(sink.Take(), std::vector{Heartbeat("0")});
+  timers.Advance(600s);
+  EXPECT_TRUE(sink.Take().empty());
+
+  node.SendHeartbeat(60);
+  node.SendStoppedHeartbeat();
+  EXPECT_EQ(sink.Take(), (std::vector{Heartbeat("60"), Heartbeat("60", "stopped")}));
+  timers.Advance(6000s);
+  EXPECT_TRUE(sink.Take().empty());
 }
 
-TEST_F(TransportTest, HeartbeatsAreFilteredUnlessFilteringIsOff) {
+TEST_F(NodeRulesTest, QueueKeepsHeadersInOrderWithOneCallbackPerBurstAndCallsAgainWhileMessagesWait) {
   const std::string beat = "xap-hbeat\n{\nv=12\n}\n";
-  for (const auto& text : {beat, "xap"s, ""s}) xap_.ProcessReceivedMessage(text);
-  RunFor(150ms);
-  EXPECT_EQ(callbacks_, 0);
-  EXPECT_EQ(xap_.GetMessage(), "");
-  xap_.ProcessReceivedMessage("XAP-HEADER\n{\n}\n");
-  xap_.SetFilterHeartbeats(false);
-  xap_.ProcessReceivedMessage(beat);
-  ASSERT_TRUE(RunUntil([&] { return callbacks_ == 1; }));
-  EXPECT_EQ(xap_.GetMessage(), "XAP-HEADER\n{\n}\n");
-  EXPECT_EQ(xap_.GetMessage(), beat);
-  EXPECT_EQ(xap_.GetMessage(), "");
+  for (const auto& text : {beat, "xap"s, ""s, "XAP-HEADER\n1"s, "xap-header\n2"s})
+    node.ProcessReceivedMessage(text);
+  timers.Advance(49ms);
+  EXPECT_EQ(callbacks, 0);
+  timers.Advance(1ms);
+  EXPECT_EQ(callbacks, 1);
+  // The callback took nothing: it is called again 50 ms later, not at once, so the loop has its turn.
+  timers.Advance(49ms);
+  EXPECT_EQ(callbacks, 1);
+  timers.Advance(1ms);
+  EXPECT_EQ(callbacks, 2);
+  EXPECT_EQ(Drain(), (std::vector{"XAP-HEADER\n1"s, "xap-header\n2"s}));
+  // The call already due comes once more, then the timer rests until the next message.
+  timers.Advance(500ms);
+  EXPECT_EQ(callbacks, 3);
+
+  node.SetFilterHeartbeats(false);
+  node.ProcessReceivedMessage(beat);
+  timers.Advance(50ms);
+  EXPECT_EQ(callbacks, 4);
+  EXPECT_EQ(Drain(), std::vector{beat});
 }
 
-TEST_F(TransportTest, BurstGivesOneCallbackAndMessagesInOrder) {
-  Init();
-  for (const char* n : {"1", "2", "3"}) SendToTransport("xap-header\n"s + n);
-  ASSERT_TRUE(RunUntil([&] { return callbacks_ == 1; }));
-  RunFor(150ms);
-  EXPECT_EQ(callbacks_, 1);
-  for (const char* n : {"1", "2", "3"}) EXPECT_EQ(xap_.GetMessage(), "xap-header\n"s + n);
-  EXPECT_EQ(xap_.GetMessage(), "");
-  // A later message starts the timer again; what arrives while the queue drains is read in order.
-  SendToTransport("xap-header\n4");
-  ASSERT_TRUE(RunUntil([&] { return callbacks_ == 2; }));
-  EXPECT_EQ(xap_.GetMessage(), "xap-header\n4");
-  SendToTransport("xap-header\n5");
-  SendToTransport("xap-header\n6");
-  std::string next;
-  ASSERT_TRUE(test::WaitFor([&] { return !(next = xap_.GetMessage()).empty(); }, 2s));
-  EXPECT_EQ(next, "xap-header\n5");
-  EXPECT_EQ(xap_.GetMessage(), "xap-header\n6");
-}
+TEST_F(NodeRulesTest, OversizedAndOverflowingMessagesAreDroppedWithOneLogLineAMinute) {
+  const std::string fits = "xap-header\n" + std::string(XapNode::kMaxDatagram - 11, 'x');
+  for (const auto& text : {fits + "y", fits + "y", fits}) node.ProcessReceivedMessage(text);
+  EXPECT_EQ(Logged(), "ProcessReceivedMessage dropped 1 datagram(s) over 1500 bytes|0\n");
+  timers.Advance(60s);
+  EXPECT_EQ(Logged(), "ProcessReceivedMessage dropped 1 datagram(s) over 1500 bytes|0\n");
+  EXPECT_EQ(Drain(), std::vector{fits});
 
-TEST_F(TransportTest, OversizedDatagramsAreDroppedWithOneLogLine) {
-  Init();
-  const std::string fits = "xap-header\n" + std::string(XapTransport::kMaxDatagram - 11, 'x');
-  for (const auto& text : {fits + "y", fits + "y", fits}) SendToTransport(text);
-  ASSERT_TRUE(RunUntil([&] { return callbacks_ == 1; }));
-  EXPECT_EQ(xap_.GetMessage(), fits);
-  EXPECT_EQ(xap_.GetMessage(), "");
-  EXPECT_EQ(Logged(), "tavrel|ProcessReceivedMessage dropped 1 datagram(s) over 1500 bytes|0\n");
-}
-
-TEST_F(TransportTest, SendSkipsBodyPiecesWithoutASeparatorAndBarsBecomeLineFeeds) {
-  Init();
-  xap_.Send("*.*.pc7", "Computer.Process", "Computer.Query", "a\0b\x01"s + "2");
-  EXPECT_EQ(Receive(),
-            "xap-header\n{\nv=12\nhop=1\nuid=FF001500\nclass=Computer.Process\nsource=zel.WOL.host\n"
-            "target=*.*.pc7\n}\nComputer.Query\n{\nb=2\n}\n");
-  xap_.SetXapSource("zel.WOL.a|b");
-  EXPECT_EQ(xap_.HeartbeatText(),
-            "xap-hbeat\n{\nv=12\nhop=1\nuid=FF001500\nclass=xap-hbeat.alive\nsource=zel.WOL.a\nb\ninterval=");
+  // Full by count, then (after draining) full by bytes; what does not fit is counted, never kept.
+  for (size_t i = 0; i < XapNode::kQueueLimit + 3; ++i) node.ProcessReceivedMessage("xap-header\n");
+  EXPECT_TRUE(node.QueueFull());
+  EXPECT_EQ(node.QueueLength(), XapNode::kQueueLimit);
   EXPECT_EQ(Logged(), "");
+  timers.Advance(60s);
+  EXPECT_EQ(Logged(), "ProcessReceivedMessage dropped 3 message(s), receive queue full|0\n");
+  EXPECT_EQ(Drain().size(), XapNode::kQueueLimit);
+  EXPECT_FALSE(node.QueueFull());
+  for (size_t i = 0; i <= XapNode::kQueueByteLimit / fits.size(); ++i) node.ProcessReceivedMessage(fits);
+  EXPECT_TRUE(node.QueueFull());
+  EXPECT_LT(node.QueueLength(), XapNode::kQueueLimit);
 }
 
-TEST_F(TransportTest, SendingWhileClosedAndAnUnusableTargetAreLogged) {
-  xap_.Send("", "C", "B", "");
-  xap_.SendHeartbeat(60);
-  xap_.SetBroadcastAddress("not an address");
-  EXPECT_LT(xap_.Init(), 0);
-  EXPECT_EQ(xap_.LocalPort(), 0);
-  xap_.SetBroadcastAddress("127.0.0.1");
-  Init();
-  for (int i = 0; i < 2; ++i) xap_.Close();  // a second close is harmless
-  xap_.Send("", "C", "B", "");
-  EXPECT_EQ(Logged(),
-            "tavrel|SendXap |40006\ntavrel|SendHeartbeat|40006\ntavrel|SocketsInitialize |5\n"
-            "tavrel|SendXap |40006\n");
-  RunFor(50ms);  // the receives cancelled by Close end quietly
-  EXPECT_EQ(callbacks_, 0);
+TEST_F(NodeRulesTest, SendSkipsBodyPiecesWithoutASeparatorBarsBecomeLineFeedsAndFailuresAreLogged) {
+  node.Send("*.*.pc7", "Computer.Process", "Computer.Query", "a\0b\x01"s + "2");
+  EXPECT_EQ(sink.Take(),
+            std::vector<std::string>{"xap-header\n{\nv=12\nhop=1\nuid=FF001500\nclass=Computer.Process\n"
+                                     "source=zel.WOL.host\ntarget=*.*.pc7\n}\nComputer.Query\n{\nb=2\n}\n"});
+  node.SetXapSource("zel.WOL.a|b");
+  EXPECT_EQ(node.HeartbeatText(),
+            "xap-hbeat\n{\nv=12\nhop=1\nuid=FF001500\nclass=xap-hbeat.alive\nsource=zel.WOL.a\nb\ninterval=");
+  sink.failing = true;
+  node.Send("", "C", "B", "");
+  node.SendHeartbeat(60);
+  EXPECT_EQ(Logged(), "SendXap |10065\nSendHeartbeat|10065\n");
+}
+
+// The sockets: the xAP port taken (a hub holds it), the node listens on a port of its own on 127.0.0.1
+// only, takes datagrams sent there, and sends to the broadcast target.
+TEST(XapTransportTest, BindsAFallbackPortOnLoopbackOnlyReceivesAndSends) {
+  asio::io_context io;
+  test::RecordingReporter log;
+  LoopTimers timers(io);
+  asio::ip::udp::socket hub(io, {asio::ip::address_v4::loopback(), 0});
+  XapTransport xap(io, log, timers);
+  xap.SetBroadcastAddress("127.0.0.1");
+  xap.SetPort(hub.local_endpoint().port());
+  int callbacks = 0;
+  xap.RegisterNewMessageCallback([&] { ++callbacks; });
+  const long port = xap.Init();
+  ASSERT_GE(port, XapTransport::kFirstFallbackPort);
+#ifndef _WIN32
+  // Another loopback address can take the same port: ours is bound to 127.0.0.1 alone.
+  std::error_code ec;
+  asio::ip::udp::socket other(io, asio::ip::udp::v4());
+  other.bind({asio::ip::make_address_v4("127.0.0.2"), static_cast<unsigned short>(port)}, ec);
+  EXPECT_FALSE(ec) << ec.message();
+#endif
+  hub.send_to(asio::buffer("xap-header\n1"s),
+              {asio::ip::address_v4::loopback(), static_cast<unsigned short>(port)});
+  xap.SendHeartbeat(60);
+  std::vector<char> buffer(2048);
+  std::string heard;
+  for (auto end = std::chrono::steady_clock::now() + 5s;
+       (callbacks == 0 || heard.empty()) && std::chrono::steady_clock::now() < end;) {
+    io.run_for(10ms);
+    if (hub.available() > 0) heard.assign(buffer.data(), hub.receive(asio::buffer(buffer)));
+  }
+  EXPECT_EQ(callbacks, 1);
+  EXPECT_EQ(xap.GetMessage(), "xap-header\n1");
+  EXPECT_EQ(heard.substr(0, 10), "xap-hbeat\n");
+  EXPECT_NE(heard.find("\nport=" + std::to_string(port) + "\n"), std::string::npos);
+  xap.Close();
+  xap.Send("", "C", "B", "");
+  std::string logged;
+  for (const auto& c : log.calls) logged += c.text + "|" + std::to_string(c.err.Number) + "\n";
+  EXPECT_EQ(logged, "SendXap |40006\n");
 }
 
 }  // namespace
