@@ -13,6 +13,15 @@ done
 echo "== the node over loopback"
 "$build/bench/bench_node" "$build/tavrel" all
 
+echo "== the node under load, each in a network namespace of its own"
+bash "$root/bench/stream.sh" "$build/tavrel"
+bash "$root/bench/senders.sh" "$build/tavrel"
+if [ "$(id -u)" -eq 0 ]; then
+  bash "$root/bench/scan-store.sh" "$build/tavrel"
+else
+  echo "skipped: the scan-store benchmark needs root for its network namespaces"
+fi
+
 echo "== LAN sweep on the namespace testbed"
 if [ "$(id -u)" -eq 0 ]; then
   bash "$root/bench/sweep.sh" "$build/tavrel"
