@@ -125,7 +125,6 @@ TCPServer::TCPServer(asio::io_context& io, TimerFactory& timers, const Clock& cl
     : TCPServerModule(Context{std::move(htmlFolder), clock, reporter, timers, log, settings.hsAddress,
                               settings.hsWebPort, pages}),
       io_(io),
-      timers_(timers),
       settings_(std::move(settings)),
       acceptRetry_(timers.Create()) {}
 
@@ -184,7 +183,7 @@ void TCPServer::StartAccept() {
 }
 
 std::shared_ptr<ConnectionSlot> TCPServer::CreateSlot(int index, ConnectionSlot::Owner& owner) {
-  return std::make_shared<TcpSlot>(io_, index, owner, timers_, *this);
+  return std::make_shared<TcpSlot>(io_, index, owner, timers(), *this);
 }
 
 void TCPServer::Form_Unload() {

@@ -48,7 +48,6 @@ class TCPServer final : public TCPServerModule {
   void StartAccept();
 
   asio::io_context& io_;
-  TimerFactory& timers_;
   Settings settings_;
   std::shared_ptr<Listener> listener_;
   std::unique_ptr<Timer> acceptRetry_;

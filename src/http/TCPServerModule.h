@@ -90,6 +90,7 @@ class TCPServerModule : private ConnectionSlot::Owner {
  protected:
   virtual std::shared_ptr<ConnectionSlot> CreateSlot(int index, ConnectionSlot::Owner& owner) = 0;
   Reporter& reporter() const { return ctx_.reporter; }
+  TimerFactory& timers() const { return ctx_.timers; }
 
  private:
   void Socket_SendComplete(int index) override;
