@@ -80,7 +80,7 @@ class TCPServerModule : private ConnectionSlot::Owner {
 
   int SocketsOpen() const { return socketsOpen_; }
   // The highest socket index made so far (0: none).
-  int SocketsDefined() const { return static_cast<int>(slots_.size()) - 1; }
+  int SocketsDefined() const { return slots_.empty() ? 0 : static_cast<int>(slots_.size()) - 1; }
   int NextSocketIndex() const { return nextSocketIndex_; }
   size_t QueueCount() const { return queue_.Count(); }
   bool ServerTimerEnabled() const { return serverTimer_->Armed(); }
