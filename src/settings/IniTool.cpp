@@ -132,9 +132,7 @@ bool RowReadsBack(const Row& row) {
   if (key.find_first_of("=\r\n") != std::string_view::npos) return false;
   if (value.find_first_of("\r\n") != std::string_view::npos) return false;
   if (key.starts_with(' ') || key.starts_with(';') || value.ends_with(' ')) return false;
-  if (key.starts_with('[') && value.ends_with(']')) return false;  // would read as a header
-  // The rows of the section "" may open the file, where a byte-order mark is skipped.
-  return !(row.header.empty() && key.starts_with(kByteOrderMark));
+  return !(key.starts_with('[') && value.ends_with(']'));  // that would read as a header
 }
 
 // The file text of the table: the rows sorted by header and then key without regard to case; a header
@@ -167,6 +165,8 @@ std::string Render(const OrderedDict<std::string>& table) {
     text += *row.item;
     text += platform::kLineEnd;
   }
+  // A first key that begins with the bytes of a byte-order mark keeps them: the reader skips only one.
+  if (text.starts_with(kByteOrderMark)) text.insert(0, kByteOrderMark);
   return text;
 }
 
