@@ -125,6 +125,33 @@ std::string_view After(std::string_view s, std::string_view sep) {
   return at == std::string_view::npos ? std::string_view() : s.substr(at + sep.size());
 }
 
+std::string HtmlEscape(std::string_view s) {
+  std::string out;
+  out.reserve(s.size());
+  for (char c : s) {
+    switch (c) {
+      case '&':
+        out += "&amp;";
+        break;
+      case '<':
+        out += "&lt;";
+        break;
+      case '>':
+        out += "&gt;";
+        break;
+      case '"':
+        out += "&quot;";
+        break;
+      case '\'':
+        out += "&#39;";
+        break;
+      default:
+        out += c;
+    }
+  }
+  return out;
+}
+
 bool ParseInt(std::string_view s, long long lo, long long hi, long long& out) {
   if (s.empty()) return false;
   long long v = 0;

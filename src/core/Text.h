@@ -37,6 +37,10 @@ std::string ReplaceNoCase(std::string_view s, std::string_view find, std::string
 std::string_view Before(std::string_view s, std::string_view sep);
 std::string_view After(std::string_view s, std::string_view sep);
 
+// Text made safe to write into HTML, also inside a quoted attribute: & < > " ' become entities; every
+// other byte stays as it is.
+std::string HtmlEscape(std::string_view s);
+
 // True when s is a whole decimal number in [lo, hi].
 bool ParseInt(std::string_view s, long long lo, long long hi, long long& out);
 

@@ -1,11 +1,10 @@
 #include "platform/LocalTime.h"
 
-#include <ctime>
-
 namespace tavrel::platform {
 
-std::chrono::local_seconds LocalNow() {
-  std::time_t t = std::time(nullptr);
+std::chrono::local_seconds LocalNow() { return LocalTimeAt(std::time(nullptr)); }
+
+std::chrono::local_seconds LocalTimeAt(std::time_t t) {
   std::tm tm{};
   localtime_s(&tm, &t);
   using namespace std::chrono;

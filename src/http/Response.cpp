@@ -1,0 +1,267 @@
+#include "http/Response.h"
+
+#include <cstdio>
+#include <iterator>
+#include <optional>
+#include <stdexcept>
+#include <utility>
+
+#include "core/FastString.h"
+#include "core/Text.h"
+#include "http/StaticFile.h"
+
+namespace tavrel {
+
+namespace {
+
+void Line(FastString& out, std::string_view text) {
+  out.Append(text);
+  out.Append("\r\n");
+}
+
+// The whole file, or nothing when it cannot be read.
+std::optional<std::string> ReadAll(const std::filesystem::path& file) {
+  std::ifstream in(file, std::ios::binary);
+  if (!in) return std::nullopt;
+  std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  if (in.bad()) return std::nullopt;
+  return text;
+}
+
+}  // namespace
+
+BinaryBody::BinaryBody(ConnectionSink& socket, std::ifstream file, std::string page, ServerLog* log,
+                       Reporter& reporter)
+    : socket_(socket), file_(std::move(file)), page_(std::move(page)), log_(log), reporter_(reporter) {}
+
+bool BinaryBody::Next() {
+  if (done_) return false;
+  try {
+    if (socket_.State() != ConnectionSink::kConnected || file_.peek() == std::ifstream::traits_type::eof()) {
+      return Finish();
+    }
+    std::string piece(kPieceSize, '\0');
+    file_.read(piece.data(), static_cast<std::streamsize>(kPieceSize));
+    if (file_.bad()) throw std::runtime_error("reading " + page_ + " failed");
+    if (log_) {
+      log_->WriteLine(">>>>>>>>>>> SendingBinaryData " + page_ + " to socket " +
+                      std::to_string(socket_.Index()));
+    }
+    socket_.SendData(std::move(piece));
+    // The body is over as soon as its last piece is queued.
+    if (file_.peek() == std::ifstream::traits_type::eof()) return Finish();
+    return true;
+  } catch (const std::exception& e) {
+    reporter_.ReportEvent(kModule, "TCPServer_SendBinaryFile ", Err::From(e));
+    return Finish();
+  }
+}
+
+bool BinaryBody::Finish() {
+  done_ = true;
+  file_.close();
+  socket_.SetTag("0");
+  return false;
+}
+
+void Response::SendTextString(const std::string& text) {
+  try {
+    FastString out;
+    Line(out, "HTTP/1.1 200 OK");
+    Line(out, "Server: zel");
+    Line(out, "Date: " + Date());
+    Line(out, "Expires: Tue, 04 Dec 1993 21:29:02 GMT");
+    Line(out, "Accept-Ranges: bytes");
+    Line(out, "Content-Type: text/html");
+    Line(out, "Content-Length: " + std::to_string(text.size()));
+    Line(out, "Cache-Control: no-cache");
+    Line(out, "Location: http://localhost:8080/other");
+    Line(out, "");
+    out.Append(text);
+    std::string answer = out.ToString();
+    if (ctx_.log) {
+      ctx_.log->Write(">>>>>>>>>>> SendingTextString >>>>>> to socket " + std::to_string(index()) + "\r\n" +
+                      answer);
+    }
+    if (!SendText(std::move(answer))) {
+      Debug("Unable to send TextString to socket " + std::to_string(index()) + " because State is " +
+            std::to_string(socket_.State()));
+    }
+  } catch (const std::exception& e) {
+    Fail("TCPSever_SendTextString ", e);
+  }
+}
+
+void Response::SendTextFile(std::string_view page) {
+  try {
+    const auto file = ResolveStaticFile(ctx_.htmlFolder, page);
+    const auto text = file ? ReadAll(*file) : std::nullopt;
+    if (!text) {
+      SendErrorResponse();
+      return;
+    }
+    const std::string length = std::to_string(text->size());
+    FastString out;
+    Line(out, "HTTP/1.0 200 OK");
+    Line(out, "Server: zel");
+    Line(out, "Date: " + Date());
+    Line(out, "Accept-Ranges: bytes");
+    Line(out, "Content-Type: text/html");
+    Line(out, "Last-Modified " + FormatDateTime(FileDateTime(*file)));
+    Line(out, "Content-Length: " + length);
+    Line(out, "");
+    out.Append(*text);
+    if (SendText(out.ToString())) {
+      Debug(">>>>>>>>>>> SendingTextFile " + std::string(page) + " to socket " + std::to_string(index()) +
+            " with length " + length);
+    } else {
+      ctx_.reporter.ReportEvent(kModule, "TCPServer Unable to send TextFile " + std::string(page) +
+                                             " to socket " + std::to_string(index()) + " because State is " +
+                                             std::to_string(socket_.State()));
+    }
+  } catch (const std::exception& e) {
+    Fail("TCPServer_SendTextFile ", e);
+  }
+}
+
+void Response::SendErrorResponse() {
+  try {
+    static constexpr std::string_view kBody = "<html><h1>404 File Not Found</h1></html>";
+    FastString out;
+    Line(out, "HTTP/1.1 200 Object Not Found");
+    Line(out, "Server: zel");
+    Line(out, "Date: " + Date());
+    Line(out, "Connection: Close");
+    Line(out, "Content-Type: text/html");
+    Line(out, "Content-Length: " + std::to_string(kBody.size()));
+    Line(out, "");
+    out.Append(kBody);
+    if (SendText(out.ToString())) {
+      Debug(">>>>>>>>>>> SendingError  to socket " + std::to_string(index()));
+    } else {
+      Debug("Unable to send Error Resonse to socket " + std::to_string(index()) + " because State is " +
+            std::to_string(socket_.State()));
+    }
+  } catch (const std::exception& e) {
+    Fail("TCPServer_SendError_Response ", e);
+  }
+}
+
+void Response::SendBinaryFile(std::string_view page) {
+  try {
+    const auto file = ResolveStaticFile(ctx_.htmlFolder, page);
+    std::ifstream in;
+    if (file) in.open(*file, std::ios::binary);
+    if (!in.is_open()) {
+      FastString out;
+      Line(out, "HTTP/1.1 404 Not Found");
+      Line(out, "Server: zel");
+      Line(out, "Date:" + Date());
+      Line(out, "");
+      // A connection that carried an earlier binary body must still close after this answer.
+      socket_.SetTag("0");
+      socket_.SendData(out.ToString());
+      return;
+    }
+    FastString out;
+    Line(out, "HTTP/1.1 200 OK");
+    Line(out, "Server: zel");
+    Line(out, "Date:" + Date());
+    Line(out, "Last-Modified: " + FormatDateTime(FileDateTime(*file)));
+    Line(out, "Accept-Ranges: bytes");
+    Line(out, "Content-Length: " + std::to_string(std::filesystem::file_size(*file)));
+    Line(out, "Connection: Close");
+    Line(out, "Content-Type: " + GetContentType(page).type);
+    Line(out, "");
+    socket_.SetTag("1");
+    Debug(">>>>>>>>>>> SendingBinaryHeader " + std::string(page) + " to socket " + std::to_string(index()));
+    socket_.SendData(out.ToString());
+    socket_.StartBody(
+        std::make_unique<BinaryBody>(socket_, std::move(in), std::string(page), ctx_.log, ctx_.reporter));
+  } catch (const std::exception& e) {
+    Fail("TCPServer_SendBinaryFile ", e);
+  }
+}
+
+void Response::RedirectToHS(std::string_view address, const Request& request) {
+  try {
+    const std::string& page = request.page();
+    const std::string location = "http://" + std::string(address) + Replace(page, "\\", "/");
+    const std::string idx = std::to_string(index());
+    FastString out;
+    if (request.ServerVariables("http_user_agent").find("audrey") != std::string::npos) {
+      Line(out, "HTTP/1.0 307 NoSupport");
+      Line(out, "Server: zel");
+      Line(out, "Date: " + Date());
+      Line(out, "Connection: close");
+      Line(out, "Content-Type: text/html");
+      Line(out, "Location: " + location);
+      Line(out, "Content-Length: 0");
+      Line(out, "");
+      Debug(">>>>>>>>>>> Redirect" + page + " to location " + location + " socket " + idx);
+    } else {
+      // Everything here but the address comes from the network, so it is escaped.
+      FastString body;
+      body.Append("<HTML><HEAD><SCRIPT LANGUAGE=\"JavaScript\">");
+      body.Append("function initialize() {document.redo.submit();}");
+      body.Append("</script></HEAD><body onLoad='initialize()'>");
+      body.Append("<form name='redo' action='" + HtmlEscape(location) + "' method='" +
+                  HtmlEscape(request.Method()) + "'>");
+      for (const Request::Collection* fields : {&request.QueryStringCol(), &request.FormCol()}) {
+        for (const auto& entry : *fields) {
+          body.Append("<input type='hidden' name='" + HtmlEscape(entry.value.Key) + "' value='" +
+                      HtmlEscape(entry.value.Value) + "'>");
+        }
+      }
+      body.Append("</form></HTML>");
+      Line(out, "HTTP/1.0 200 OK");
+      Line(out, "Server: zel");
+      Line(out, "Date: " + Date());
+      Line(out, "Connection: close");
+      Line(out, "Content-Type: text/html");
+      Line(out, "Location: " + location);
+      Line(out, "Content-Length: " + std::to_string(body.Length()));
+      Line(out, "");
+      out.Append(body.ToString());
+      Debug(">>>>>>>>>>> Resubmit" + page + " to location " + location + " socket " + idx);
+    }
+    if (!SendText(out.ToString())) {
+      Debug("Unable to send TextString to socket " + idx + " because State is " +
+            std::to_string(socket_.State()));
+    }
+  } catch (const std::exception& e) {
+    Fail("TCPSever_RedirectToHS ", e);
+  }
+}
+
+void Response::Redirect(std::string_view) { SendTextString("<HTML>Unauthorized Access<HTML>"); }
+
+ContentType Response::GetContentType(std::string_view path) {
+  auto has = [&](std::string_view ext) { return path.find(ext) != std::string_view::npos; };
+  if (has(".txt")) return {"text/plain", true, false};
+  if (has(".htm")) return {"text/html", true, false};  // ".html" too
+  if (has(".jpg")) return {"image/jpg", false, false};
+  if (has(".gif")) return {"image/gif", false, false};
+  if (has(".bmp")) return {"image/bmp", false, false};
+  if (has(".php")) return {"text/html", true, true};
+  return {"unknown/binary", false, false};
+}
+
+std::string Response::Date() const { return FormatMediumDate(ctx_.clock.Now()); }
+
+bool Response::SendText(std::string answer) {
+  socket_.SetTag("0");
+  if (socket_.State() != ConnectionSink::kConnected) return false;
+  socket_.SendData(std::move(answer));
+  return true;
+}
+
+void Response::Debug(const std::string& line) const {
+  if (ctx_.log) ctx_.log->WriteLine(line);
+}
+
+void Response::Fail(std::string_view label, const std::exception& e) const {
+  ctx_.reporter.ReportEvent(kModule, label, Err::From(e));
+}
+
+}  // namespace tavrel
