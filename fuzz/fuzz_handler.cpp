@@ -1,6 +1,7 @@
 // Feeds arbitrary bytes to the xAP message handler, once as a whole received text and once behind a valid
 // header of each class it serves, so the class handlers see hostile bodies too. Nothing may crash or hang,
-// and whatever the text, what is learned is at most one plain lower-case instance name.
+// and whatever the text, what is learned is at most one plain lower-case instance name that the settings
+// file can hold and give back.
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
@@ -71,7 +72,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (table.Computers.Count() > 2) std::abort();
   for (const auto& entry : table.Computers) {
     const std::string& name = entry.value.Key;
-    if (name.empty() || name.find_first_of(".:\nABCDEFGHIJKLMNOPQRSTUVWXYZ") != std::string::npos)
+    if (!IsStorableName(name) || name.find_first_of(".:ABCDEFGHIJKLMNOPQRSTUVWXYZ") != std::string::npos)
       std::abort();
   }
   return 0;

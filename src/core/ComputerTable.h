@@ -1,5 +1,8 @@
 #pragma once
 
+#include <cstddef>
+#include <string_view>
+
 #include "core/KeyValuePair.h"
 #include "core/OrderedDict.h"
 
@@ -15,5 +18,15 @@ struct ComputerTable {
   // IP address text -> (IP, MAC address text); binary compare
   OrderedDict<KeyValuePair> ARPTable{false};
 };
+
+// Computers learned from the network stop being added once the table holds this many.
+inline constexpr size_t kMaxLearnedComputers = 1024;
+inline constexpr size_t kMaxComputerName = 63;
+
+// Whether tavrel.ini can hold the name as a key of section "Computer" and give it back unchanged after a
+// restart: 1 to 63 bytes, no control byte, no "=" (ends the key) or "~" (the settings table's own
+// separator), no leading ";" (a comment) or "[" (a section header), no blank at either end (trimmed).
+// Every name taken from outside, over xAP or from the page, passes here first.
+bool IsStorableName(std::string_view name);
 
 }  // namespace tavrel

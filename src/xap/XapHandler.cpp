@@ -1,6 +1,7 @@
 #include "xap/XapHandler.h"
 
 #include <algorithm>
+#include <chrono>
 #include <exception>
 #include <utility>
 
@@ -12,6 +13,7 @@ namespace tavrel {
 namespace {
 
 constexpr std::string_view kSourceKey = "source=";
+constexpr std::chrono::minutes kSkipReportInterval{1};
 
 // The instance part of an address: the text after its last "."; "" when it has no ".".
 std::string NameAfterLastDot(std::string_view address) {
@@ -35,6 +37,8 @@ void XapHandler::Handle(const std::string& text) {
   size_t i = 0;
   size_t j = 0;
   try {
+    ReportSkipped(unstorableNames_);
+    ReportSkipped(pastLimit_);
     LearnSender(text, i, j);
     if (i == 0) return;  // no source: nothing to learn, nobody to answer
     XapMessage msg(&ctx_.reporter);
@@ -62,10 +66,18 @@ void XapHandler::LearnSender(const std::string& text, size_t& i, size_t& j) {
       start, lineEnd == std::string::npos ? std::string::npos : lineEnd - start));
   address = std::string(Before(address, ":"));
   std::string name = NameAfterLastDot(address);
-  if (name.empty()) return;
+  if (name.empty()) return;  // no instance named: nothing to learn
+  if (!IsStorableName(name)) {
+    NoteSkipped(unstorableNames_);
+    return;
+  }
 
   ComputerTable& table = ctx_.table;
   if (!table.Computers.Exists(name)) {
+    if (table.Computers.Count() >= kMaxLearnedComputers) {
+      NoteSkipped(pastLimit_);
+      return;
+    }
     table.Computers.Add(name, KeyValuePair{name, ""});
     ctx_.hs.SaveIniSetting("Computer", name, "", kIniFile);
     ctx_.xap.SendXap("*.*." + name, "Computer.Process", "Computer.Query", XapBody({{"Query", "All"}}));
@@ -136,6 +148,23 @@ void XapHandler::ReportFailure(const std::string& text, size_t i, size_t j, cons
   } catch (...) {
     // Reporting is the last resort; the message is dropped either way.
   }
+}
+
+void XapHandler::NoteSkipped(SkipCount& skipped) {
+  ++skipped.count;
+  ReportSkipped(skipped);
+}
+
+// Reports what was counted unless the last report is less than a minute old. A clock set back since
+// then does not hold reports back.
+void XapHandler::ReportSkipped(SkipCount& skipped) {
+  if (skipped.count == 0) return;
+  const DateTime now = ctx_.clock.Now();
+  if (skipped.lastReport && now >= *skipped.lastReport && now - *skipped.lastReport < kSkipReportInterval)
+    return;
+  ctx_.reporter.ReportEvent(kModule, "LearnSender skipped " + std::to_string(skipped.count) + skipped.reason);
+  skipped.count = 0;
+  skipped.lastReport = now;
 }
 
 std::string XapHandler::DiagnosticText(std::string_view text, size_t maxBytes) {

@@ -1,8 +1,11 @@
 #pragma once
 
+#include <cstddef>
 #include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "core/Clock.h"
 #include "core/ComputerTable.h"
@@ -16,7 +19,8 @@ class XapMessage;
 
 // Handles one received xAP message text: learns the sending computer into the computer table, then
 // answers role discovery, computer control and query, the echo test and the daily times.
-// Keeps no state of its own; everything it reads and changes is handed in through the context.
+// Everything it reads and changes is handed in through the context; its own state is only the count of
+// senders it declined to learn, which it reports at most once a minute.
 class XapHandler {
  public:
   struct Context {
@@ -45,6 +49,15 @@ class XapHandler {
   static std::string DiagnosticText(std::string_view text, size_t maxBytes = 500);
 
  private:
+  // Senders not learned for one reason: the first is reported at once, later ones are counted and
+  // reported together once a minute has passed since the last report, so a flood costs one event a minute.
+  struct SkipCount {
+    explicit SkipCount(std::string text) : reason(std::move(text)) {}
+    std::string reason;  // the report text after the count
+    size_t count = 0;
+    std::optional<DateTime> lastReport;
+  };
+
   void LearnSender(const std::string& text, size_t& i, size_t& j);
   void Dispatch(const XapMessage& msg);
   void HandleRole(const XapMessage& msg);
@@ -52,8 +65,12 @@ class XapHandler {
   void HandleEcho(const XapMessage& msg);
   void HandleTimeToday(const XapMessage& msg);
   void ReportFailure(const std::string& text, size_t i, size_t j, const Err& err);
+  void NoteSkipped(SkipCount& skipped);
+  void ReportSkipped(SkipCount& skipped);
 
   Context ctx_;
+  SkipCount unstorableNames_{" sender name(s) the settings file cannot hold"};
+  SkipCount pastLimit_{" new sender(s) past " + std::to_string(kMaxLearnedComputers) + " computers"};
 };
 
 }  // namespace tavrel

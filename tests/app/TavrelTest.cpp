@@ -1,10 +1,16 @@
+#include <algorithm>
+#include <string>
+#include <vector>
+
 #include <asio/ip/udp.hpp>
 #include <gtest/gtest.h>
 
 #include "TestSupport.h"
 #include "app/Tavrel.h"
+#include "core/Text.h"
 #include "lan/LanScan.h"
 #include "platform/Host.h"
+#include "platform/LineEnd.h"
 #include "xap/XapTransport.h"
 
 namespace tavrel {
@@ -68,6 +74,37 @@ TEST_F(TavrelTest, OnMessageDrainsEveryWaitingMessage) {
   EXPECT_NE(app->Table().Computers.Find("pcb"), nullptr);
   EXPECT_NE(app->Table().Computers.Find("pcc"), nullptr);
   EXPECT_EQ(transport->GetMessage(), "");
+}
+
+TEST_F(TavrelTest, LearnedNamesReadBackUnchangedAfterARestart) {
+  Start("");
+  std::vector<std::string> stored = {std::string(63, 'n'), "my pc;[1]#\"'", "\xef\xbb\xbfpc\xe9", "pc]"};
+  std::vector<std::string> senders = stored;
+  for (const char* unstorable : {"evil=1", "pc\r", "p~c", ";pc", "[pc]", " pc", "pc "})
+    senders.push_back(unstorable);
+  for (const auto& name : senders) {
+    app->Transport()->ProcessReceivedMessage(
+        "xap-header\n{\nv=12\nhop=1\nuid=FF0001\nclass=x.y\nsource=a.b." + name + "\n}\n");
+  }
+  app->onMessage();
+  // Every computer in the file gets an address, as a rename would give it: one without is not read back.
+  const auto ini = home.Path() / "Config" / "tavrel.ini";
+  std::string text = test::ReadFile(ini);
+  const std::string emptyValue = "=" + std::string(platform::kLineEnd);
+  for (size_t at = text.find(emptyValue); at != std::string::npos; at = text.find(emptyValue, at + 1))
+    text.insert(at + 1, "198.51.100.9");
+  test::WriteFile(ini, text);
+
+  app.reset();
+  app = std::make_unique<Tavrel>(io, home.Path(), clock, Tavrel::Options{});
+  ASSERT_TRUE(app->form_load());
+  std::vector<std::string> names;
+  for (const auto& entry : app->Table().Computers) names.push_back(entry.value.Key);
+  stored.insert(stored.begin(), platform::ComputerName());
+  std::sort(stored.begin() + 1, stored.end(), [](const std::string& a, const std::string& b) {
+    return CompareNoCase(a, b) < 0;  // the order of the saved file
+  });
+  EXPECT_EQ(names, stored);
 }
 
 TEST_F(TavrelTest, OnlyExitEndsTheProgram) {

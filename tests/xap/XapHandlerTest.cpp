@@ -1,3 +1,5 @@
+#include <chrono>
+#include <iterator>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -16,6 +18,8 @@ using Lines = std::vector<std::string>;
 
 // Most test messages come from a source without an instance name: served, but never learned.
 constexpr const char* kHub = "hub";
+const std::string kRoleAnswer =
+    "transport||Homeseer.Role|Role.Notification|Role\001Computer Management\0Path\001/opt/tavrel/tavrel"s;
 
 // Logs each send as "<via>|target|class|section|body", in one log shared with the wakes.
 struct RecordingSend : XapSendOperation {
@@ -52,6 +56,17 @@ class XapHandlerTest : public ::testing::Test {
     out_.clear();
     handler_.Handle(text);
     return out_;
+  }
+  // A role query from the instance name: the query to a newly learned sender, then the answer.
+  Lines RoleQueryFrom(const std::string& name) {
+    return Outputs(Message("Homeseer.Role", "acme.tester." + name, "", "Role.Query", "Role=any\n"));
+  }
+  std::string Reports() {
+    std::string text;
+    for (const auto& call : reporter_.calls)
+      text += (call.event ? "event " : "log ") + call.module + "|" + call.text + "\n";
+    reporter_.calls.clear();
+    return text;
   }
 
   test::TempDir home_;
@@ -90,9 +105,56 @@ TEST_F(XapHandlerTest, SendersAreLearnedByTheLastSourcePartAndMarkedSeenOnEveryM
             "attic=2026-11-22 08:30:00 cellar=2026-11-22 08:30:00 pc7=2026-11-22 08:31:30 ");
 }
 
+TEST_F(XapHandlerTest, OnlyNamesTheSettingsFileGivesBackAreLearnedAndEveryMessageIsServed) {
+  const std::string unstorable[] = {"evil=1", "pc\r", "p\0c"s, "p\tc", "pc\x7f", ";pc",
+                                    "~pc",    "p~c",  "[pc]",  " pc",  "pc ",    std::string(64, 'a'),
+                                    ""};
+  for (const auto& name : unstorable)
+    EXPECT_EQ(RoleQueryFrom(name), Lines{kRoleAnswer}) << XapHandler::DiagnosticText(name);
+  EXPECT_EQ(Show(table_.Computers), "pc7=198.51.100.7 ");
+  EXPECT_EQ(table_.LastSeen.Count(), 0u);
+  EXPECT_EQ(test::ReadFile(home_.Path() / "Config" / "tavrel.ini"), "");
+
+  const std::string storable[] = {std::string(63, 'b'), "my pc;[1]#", "\xef\xbb\xbfpc\xe9"};
+  for (const auto& name : storable) {
+    EXPECT_EQ(RoleQueryFrom(name),
+              (Lines{"xap|*.*." + name + "|Computer.Process|Computer.Query|Query\001All", kRoleAnswer}));
+  }
+  EXPECT_EQ(table_.LastSeen.Keys(), Lines(std::begin(storable), std::end(storable)));
+}
+
+TEST_F(XapHandlerTest, SkippedSendersAreReportedAtOnceThenAtMostOnceAMinuteWithACount) {
+  const std::string unstorable =
+      "event tavrel|LearnSender skipped 1 sender name(s) the settings file cannot hold\n";
+  RoleQueryFrom("a=1");
+  EXPECT_EQ(Reports(), unstorable);
+  RoleQueryFrom("b=1");
+  clock_.Advance(std::chrono::seconds(59));
+  RoleQueryFrom("c=1");
+  RoleQueryFrom("pc8");
+  EXPECT_EQ(Reports(), "");
+  clock_.Advance(std::chrono::seconds(1));
+  RoleQueryFrom("pc9");  // any message brings the count out once the minute is over
+  EXPECT_EQ(Reports(), "event tavrel|LearnSender skipped 2 sender name(s) the settings file cannot hold\n");
+  clock_.Advance(std::chrono::seconds(60));
+  RoleQueryFrom("d=1");  // after a quiet minute, at once again
+  EXPECT_EQ(Reports(), unstorable);
+}
+
+TEST_F(XapHandlerTest, PastTheComputerLimitNewSendersAreServedButNotLearned) {
+  for (int k = 1; k < 1023; ++k) table_.Computers.Add("old" + std::to_string(k), KeyValuePair{});
+  EXPECT_EQ(RoleQueryFrom("pc1024").size(), 2u);  // learned and queried: the 1024th computer
+  EXPECT_EQ(RoleQueryFrom("pc1025"), Lines{kRoleAnswer});
+  clock_.Advance(std::chrono::seconds(90));
+  EXPECT_EQ(RoleQueryFrom("PC7"), Lines{kRoleAnswer});
+  EXPECT_EQ(table_.Computers.Count(), 1024u);
+  EXPECT_EQ(Show(table_.LastSeen), "pc1024=2026-11-22 08:30:00 pc7=2026-11-22 08:31:30 ");
+  EXPECT_EQ(hs_.GetINISetting("Computer", "pc1025", "none", kIniFile), "none");
+  EXPECT_EQ(Reports(), "event tavrel|LearnSender skipped 1 new sender(s) past 1024 computers\n");
+}
+
 TEST_F(XapHandlerTest, RoleEchoAndTimeMessagesAreServedOnlyWhenMeantForThisNode) {
-  const Lines role = {
-      "transport||Homeseer.Role|Role.Notification|Role\001Computer Management\0Path\001/opt/tavrel/tavrel"s};
+  const Lines role = {kRoleAnswer};
   const Lines echo = {"xap|hub|WDT.Echo|Echo.Response|Response\001abc"};
   auto roleQuery = [](const char* role, const char* section = "Role.Query") {
     return Message("Homeseer.Role", kHub, "", section, "Role="s + role + "\n");
