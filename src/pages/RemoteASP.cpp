@@ -303,7 +303,14 @@ void RemoteASP::ActOnRow(const Row& row, bool save, bool& arpChanged, bool& comp
   }
 
   const std::string newName = UCase(Form("Name" + k));
-  if (newName != UCase(row.Name)) {
+  const bool renamed = newName != UCase(row.Name);
+  // A name the settings file could not give back unchanged is refused, and the page says so.
+  if (renamed && !newName.empty() && !IsStorableName(newName)) {
+    notices_.push_back(
+        HtmlEscape("Not renamed: \"" + newName +
+                   "\" cannot be stored as a computer name (1 to 63 characters; no control "
+                   "characters, \"=\" or \"~\"; no \";\" or \"[\" first; no blank at either end)."));
+  } else if (renamed) {
     if (!row.Name.empty() && !table.Computers.Remove(row.Name))
       throw RunTimeError(32811, "Element not found");
     if (!newName.empty() && !row.IP.empty()) {

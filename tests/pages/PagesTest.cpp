@@ -221,3 +221,110 @@ TEST(StaticFilesTest, WrittenOnceWhenMissing) {
 
 }  // namespace
 }  // namespace tavrel
+
+namespace tavrel {
+namespace {
+
+// Every post stores the subnets; a sort click changes the column and, on the column clicked last,
+// the direction, and does nothing else.
+TEST_F(PageTest, SubnetsAndSortClicks) {
+  AddComputer("pc1", "198.51.100.10");
+  Get();
+  struct Step {
+    const char *fields, *sort, *dir;
+  };
+  const Step steps[] = {
+      {"subnet=198.51.100%2C203.0.113&R=R&R0=1", "-", "-"},
+      {"subnet=198.51.100%2C203.0.113&Name=Name&Save=Save&Name0=", "Name", "-"},
+      {"subnet=198.51.100%2C203.0.113&Name=Name", "Name", "DESC"},
+      {"subnet=198.51.100%2C203.0.113&MAC=MAC", "MAC", "DESC"},
+      {"subnet=198.51.100%2C203.0.113&Name=Name", "Name", "DESC"},
+      {"subnet=198.51.100%2C203.0.113&Name=Name", "Name", "ASC"},
+  };
+  for (const Step& step : steps) {
+    Post(step.fields);
+    EXPECT_EQ(Ini("WOL", "Sort"), step.sort) << step.fields;
+    EXPECT_EQ(Ini("WOL", "SortDir"), step.dir) << step.fields;
+    EXPECT_EQ(Ini("WOL", "Subnet"), "198.51.100,203.0.113");
+  }
+  EXPECT_EQ(page->LastSortClick(), "Name");
+  EXPECT_EQ(table.Computers.Keys(), Lines{"pc1"});
+  EXPECT_TRUE(calls.empty());
+  Post("subnet=198.51.100&QueryLAN=Query+LAN&WOL0=WOL");
+  EXPECT_EQ(calls, Lines{"QueryLAN"});
+}
+
+TEST_F(PageTest, RowActionsRenamesAndRemovals) {
+  hs.SaveIniSetting("Computer", "pc1", "198.51.100.10", kIniFile);
+  AddComputer("pc1", "198.51.100.10", "2026-11-22 10:29:00");
+  AddComputer("nas", "198.51.100.12");
+  table.ARPTable.Add("198.51.100.10", {"198.51.100.10", "00-11-22-33-44-55"});
+  table.ARPTable.Add("203.0.113.7", {"203.0.113.7", "AA-BB-CC-DD-EE-FF"});
+  Get();  // keys: pc1 0, nas 1, the ARP-only row 2; shown by name: 2, 1, 0
+
+  // Several buttons in one post act row by row in the shown order; with "Save" there is no wake.
+  Post("subnet=&WOL0=WOL&Reboot1=Reboot&Shutdown0=Shutdown&WOL2=WOL&R0=1");
+  Post("subnet=&Save=Save&WOL0=WOL&Name0=pc1&Name1=nas&Name2=");
+  EXPECT_EQ(calls, (Lines{"WOL AA-BB-CC-DD-EE-FF 203.0.113.7", "Reboot nas", "Shutdown pc1",
+                          "WOL 00-11-22-33-44-55 198.51.100.10"}));
+  EXPECT_EQ(table.Computers.Count(), 2u);
+  EXPECT_EQ(table.ARPTable.Count(), 2u);
+
+  // A rename stores the upper-case name at once; the old line stays until the section is rewritten.
+  Post("subnet=&Save=Save&Name0=office&Name1=nas&Name2=");
+  EXPECT_EQ(table.Computers.Keys(), (Lines{"nas", "OFFICE"}));
+  EXPECT_EQ(table.Computers.Find("office")->Value, "198.51.100.10");
+  EXPECT_EQ(hs.GetINISection("Computer", kIniFile),
+            std::string("OFFICE=198.51.100.10\0PC1=198.51.100.10", 38));
+
+  // Keys now: nas 0, OFFICE 1, the ARP-only row 2. Removing rewrites both sections.
+  Post("subnet=&Save=Save&Name0=nas&Name1=OFFICE&R1=1&Name2=&R2=1");
+  EXPECT_EQ(table.Computers.Keys(), Lines{"nas"});
+  EXPECT_TRUE(table.ARPTable.Empty());
+  EXPECT_FALSE(table.LastSeen.Exists("office"));
+  EXPECT_EQ(hs.GetINISection("Computer", kIniFile), "NAS=198.51.100.12");
+  EXPECT_EQ(hs.GetINISection("ARP", kIniFile), "=");  // a section without keys
+  EXPECT_TRUE(reporter.calls.empty());
+}
+
+// Names the settings file could not give back are refused with a word on the page; other names are
+// stored and shown escaped.
+TEST_F(PageTest, RenamesTakeOnlyStorableNames) {
+  const std::string tooLong(64, 'a');
+  const std::pair<std::string, std::string> posted[] = {{"%5Bevil", ""}, {"pc~1", ""},  {"+pc", ""},
+                                                        {"a\tb", ""},    {tooLong, ""}, {"<b>x", "<B>X"}};
+  for (const auto& [name, stored] : posted) {
+    table = ComputerTable{};
+    AddComputer("pc1", "198.51.100.10");
+    Get();
+    const std::string html = Post("subnet=&Save=Save&Name0=" + name);
+    if (stored.empty()) {
+      EXPECT_EQ(table.Computers.Keys(), Lines{"pc1"}) << name;
+      EXPECT_NE(html.find("cannot be stored as a computer name"), std::string::npos) << name;
+    } else {
+      EXPECT_EQ(table.Computers.Keys(), Lines{stored});
+      EXPECT_NE(html.find("value='&lt;B&gt;X'"), std::string::npos);
+      EXPECT_EQ(html.find("cannot be stored"), std::string::npos);
+    }
+    EXPECT_EQ(FindNoCase(html, "<b>x"), std::string::npos) << name;
+  }
+  EXPECT_EQ(hs.GetINISection("Computer", kIniFile), "<B>X=198.51.100.10");
+}
+
+// A post before any rendering, or one naming a computer that has gone meanwhile, is reported and
+// leaves the sections as they are; the page is still served.
+TEST_F(PageTest, FailedActionsAreReportedAndThePageStillServed) {
+  AddComputer("pc1", "198.51.100.10");
+  EXPECT_NE(Post("subnet=&Save=Save&Name0=pc2"), "");
+  Get();
+  table.Computers.Remove("pc1");
+  Post("subnet=&Save=Save&Name0=pc2&R0=1");
+  ASSERT_EQ(reporter.calls.size(), 2u);
+  for (size_t i = 0; i < 2; ++i) EXPECT_EQ(reporter.calls[i].text, "AcceptRemoteChanges");
+  EXPECT_EQ(reporter.calls[0].err.Number, 91);
+  EXPECT_EQ(reporter.calls[1].err.Number, 32811);
+  EXPECT_EQ(hs.GetINISection("Computer", kIniFile), "=");
+}
+
+}  // namespace
+}  // namespace tavrel
