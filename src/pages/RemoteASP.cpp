@@ -30,7 +30,7 @@ Err ErrOf(const std::exception& e) {
   return Err::From(e, rt ? rt->number : 5);
 }
 
-std::string RowField(const RemoteASP::Row& row, size_t field) {
+const std::string& RowField(const RemoteASP::Row& row, size_t field) {
   switch (field) {
     case 0:
       return row.Online;
@@ -96,11 +96,6 @@ bool RemoteASP::xStartHeaderASP() {
     rowStyle_ = framework_["audreyrowstyle"];
   }
   return touchscreenClient_;
-}
-
-std::string RemoteASP::FrameworkSetting(const std::string& key) const {
-  auto it = framework_.find(key);
-  return it == framework_.end() ? std::string() : it->second;
 }
 
 std::string RemoteASP::ManagementPage() {

@@ -75,8 +75,6 @@ class RemoteASP {
 
   bool TouchscreenClient() const { return touchscreenClient_; }
   const std::string& LastSortClick() const { return lastSortClick_; }
-  // A framework setting of section "Settings" as last read ("" when never read).
-  std::string FrameworkSetting(const std::string& key) const;
 
   // One row of the rendered table, found again by its Key when the form comes back.
   struct Row {
