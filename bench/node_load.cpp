@@ -428,7 +428,8 @@ SendersRun RunSendersOnce(const std::string& binary, bool invented) {
 
 void Senders(const std::string& binary, int runs) {
   SendersRun worstNew, worstKnown;
-  bool allLearned = true;
+  bool allAnswered = true;
+  int learned = kSenders;
   for (int r = 0; r < runs; ++r) {
     SendersRun fresh = RunSendersOnce(binary, true);
     SendersRun known = RunSendersOnce(binary, false);
@@ -440,7 +441,8 @@ void Senders(const std::string& binary, int runs) {
           r + 1, label, s->cpuS, s->rssGrowthKb, s->iniBytes, s->learned, s->queries, s->drainMs, s->wallMs);
     }
     std::fflush(stdout);
-    if (fresh.learned != kSenders || fresh.drainMs < 0 || known.drainMs < 0) allLearned = false;
+    if (fresh.drainMs < 0 || known.drainMs < 0) allAnswered = false;
+    learned = std::min(learned, fresh.learned);
     worstNew.cpuS = std::max(worstNew.cpuS, fresh.cpuS);
     worstNew.rssGrowthKb = std::max(worstNew.rssGrowthKb, fresh.rssGrowthKb);
     worstNew.iniBytes = std::max(worstNew.iniBytes, fresh.iniBytes);
@@ -453,10 +455,11 @@ void Senders(const std::string& binary, int runs) {
       "+%.1f "
       "MiB, tavrel.ini %.0f KiB, last answer %.0f ms after the last message; from one known sender CPU %.2f "
       "s, "
-      "RSS +%.1f MiB; learning costs x%.1f CPU; %s\n",
+      "RSS +%.1f MiB; learning costs x%.1f CPU; %d of the names learned (the table takes at most 1,024 "
+      "computers)%s\n",
       runs, worstNew.cpuS, worstNew.rssGrowthKb / 1024.0, worstNew.iniBytes / 1024.0, worstNew.drainMs,
       worstKnown.cpuS, worstKnown.rssGrowthKb / 1024.0, worstNew.cpuS / std::max(worstKnown.cpuS, 0.01),
-      allLearned ? "all 3,000 learned" : "NOT all learned or answered");
+      learned, allAnswered ? "" : "; NOT all answered");
 }
 
 // ---- stall
