@@ -49,7 +49,7 @@ const std::string& RowField(const RemoteASP::Row& row, size_t field) {
 
 }  // namespace
 
-std::string RemoteASP::RemotePage(const Request& request, Response& response) {
+std::string RemoteASP::RemotePage(Request& request, Response& response) {
   std::string result;
   try {
     currentRequest_ = &request;

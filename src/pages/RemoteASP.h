@@ -13,6 +13,7 @@
 #include "core/Reporter.h"
 #include "http/Request.h"
 #include "http/Response.h"
+#include "http/TCPServerModule.h"
 #include "settings/Hs.h"
 
 namespace tavrel {
@@ -48,13 +49,13 @@ struct PageContext {
 
 // The management page: the computer table with its buttons, and the actions its form posts. One object
 // lives for the whole run; it keeps the last click and the rows of the last rendering between requests.
-class RemoteASP {
+class RemoteASP : public PageHandler {
  public:
   explicit RemoteASP(PageContext ctx) : ctx_(std::move(ctx)) {}
 
   // The page dispatch: the request drain calls it for the pages "\wol" and "\stat" and sends a non-empty
   // result with SendTextString (an empty one: nothing at all). Never throws; failures are reported.
-  std::string RemotePage(const Request& request, Response& response);
+  std::string RemotePage(Request& request, Response& response) override;
 
   // Runs the form's actions when the request posts the page's own form, then renders.
   std::string ManagementPage();
