@@ -1,6 +1,7 @@
 // tavrel: the service, and two small tools on the same binary (wake, scan).
 #include <csignal>
 #include <cstdio>
+#include <filesystem>
 #include <functional>
 #include <iostream>
 #include <string>
@@ -42,8 +43,9 @@ class ConsoleReporter final : public Reporter {
 
 int Wake(const std::vector<std::string>& args) {
   const std::string& mac = args[0];
-  std::string ip = args.size() > 1 ? args[1] : platform::PrimaryIPv4();
-  if (ip.empty()) {
+  const bool ipGiven = args.size() > 1;
+  std::string ip = ipGiven ? args[1] : platform::PrimaryIPv4();
+  if (!ipGiven && ip.empty()) {
     std::cerr << "tavrel: wake: no IP address given and no network adapter found to derive one\n";
     return 2;
   }
@@ -56,9 +58,14 @@ int Wake(const std::vector<std::string>& args) {
 }
 
 int RunService(const CommandLine& cmd) {
+  const std::filesystem::path home = ResolveHome(cmd);
+  if (std::string problem = HomeFolderError(home); !problem.empty()) {
+    std::cerr << "tavrel: " << problem << "\n";
+    return 2;
+  }
   asio::io_context io;
   SystemClock clock;
-  Tavrel app(io, ResolveHome(cmd), clock, Tavrel::Options{cmd.debug, cmd.noTray});
+  Tavrel app(io, home, clock, Tavrel::Options{cmd.debug, cmd.noTray});
   // The signals are caught from the very start: one that comes while the program starts up is
   // handled once the loop runs, instead of ending the process.
   asio::signal_set exitSignals(io, SIGINT, SIGTERM);

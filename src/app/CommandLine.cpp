@@ -70,8 +70,16 @@ std::string UsageText() {
          "       tavrel scan SUBNET...                        sweep subnets (a.b.c) and print IP and MAC\n"
          "       tavrel --version | --help\n"
          "\n"
-         "  --home DIR   the folder holding Config/, Data/, HTML/ and Scripts/ (else $TAVREL_HOME,\n"
-         "               else the program's folder if writable, else the per-user data folder)\n"
+         "  MAC          12 hexadecimal digits, bare or with \"-\", \":\" or \".\" between them\n"
+         "               (00-11-22-33-44-55, 00:11:22:33:44:55, 0011.2233.4455)\n"
+         "  IP           the computer's IPv4 address; the packet goes to its /24 broadcast on port 7\n"
+         "               (default: this machine's address)\n"
+         "  SUBNET       three numbers 0-255, such as 198.51.100; hosts 1-254 are probed\n"
+         "               (0, 127 and 224 and above hold none)\n"
+         "\n"
+         "  --home DIR   the folder holding Config/, Data/, HTML/ and Scripts/, made if missing (else\n"
+         "               $TAVREL_HOME, else the program's folder if writable, else the per-user data "
+         "folder)\n"
          "  --debug      set the debug flag (for the HTTP server's debug log; the server is not built yet)\n"
          "  --no-tray    no notification-area icon (the icon is not built yet: the service runs without "
          "one)\n"
@@ -88,6 +96,15 @@ std::filesystem::path ResolveHome(const CommandLine& cmd) {
   auto exeFolder = platform::ExecutablePath().parent_path();
   if (IsWritableFolder(exeFolder)) return exeFolder;
   return platform::UserDataFolder();
+}
+
+std::string HomeFolderError(const std::filesystem::path& home) {
+  std::filesystem::path existing = home;
+  std::error_code ec;
+  while (!std::filesystem::exists(existing, ec) && existing.has_relative_path())
+    existing = existing.parent_path();
+  if (existing.empty() || std::filesystem::is_directory(existing, ec)) return {};
+  return "cannot use " + home.string() + " as the home folder: " + existing.string() + " is not a folder";
 }
 
 }  // namespace tavrel

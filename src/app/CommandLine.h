@@ -27,4 +27,8 @@ std::string UsageText();
 // else the per-user data folder.
 std::filesystem::path ResolveHome(const CommandLine& cmd);
 
+// Why home cannot be the home folder ("cannot use H as the home folder: P is not a folder", P being home
+// or the part of its path that exists), or "" when it can: missing folders are made at start-up.
+std::string HomeFolderError(const std::filesystem::path& home);
+
 }  // namespace tavrel

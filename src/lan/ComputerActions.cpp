@@ -42,14 +42,22 @@ bool ParseIPv4(const std::string& ip, std::array<int, 4>& octets) {
   return true;
 }
 
-}  // namespace
-
 bool IsMac12(const std::string& text) {
   if (text.size() != 12) return false;
   for (char c : text) {
     if (HexValue(c) < 0) return false;
   }
   return true;
+}
+
+}  // namespace
+
+std::string MacDigits(const std::string& mac) {
+  std::string digits;
+  for (char c : mac) {
+    if (c != '-' && c != ':' && c != '.') digits += c;
+  }
+  return IsMac12(digits) ? digits : std::string();
 }
 
 std::vector<unsigned char> MagicPacket(const std::string& mac12) {
@@ -72,8 +80,9 @@ std::string WolBroadcast(const std::string& ip) {
 }
 
 std::string WolInputError(const std::string& mac, const std::string& ip) {
-  if (!IsMac12(Replace(mac, "-", ""))) {
-    return "MAC address " + Quoted(mac) + " is not 12 hexadecimal digits";
+  if (MacDigits(mac).empty()) {
+    return "MAC address " + Quoted(mac) +
+           " is not 12 hexadecimal digits (such as 00-11-22-33-44-55, 00:11:22:33:44:55 or 0011.2233.4455)";
   }
   if (WolBroadcast(ip).empty()) return "IP address " + Quoted(ip) + " is not a dotted IPv4 address";
   return {};
@@ -85,7 +94,7 @@ bool SendWOL(const std::string& mac, const std::string& ip, Reporter& reporter) 
     reporter.ReportEvent(kModule, "SendWOL", Err::Of(problem));
     return false;
   }
-  std::vector<unsigned char> packet = MagicPacket(Replace(mac, "-", ""));
+  std::vector<unsigned char> packet = MagicPacket(MacDigits(mac));
   std::string broadcast = WolBroadcast(ip);
 
   std::error_code ec = SendUdpBroadcast(broadcast, kWolPort, packet);

@@ -12,15 +12,16 @@ namespace tavrel {
 // then the six MAC bytes sixteen times (102 bytes). Throws std::invalid_argument for any other text.
 std::vector<unsigned char> MagicPacket(const std::string& mac12);
 
-// True when text is exactly 12 hexadecimal digits.
-bool IsMac12(const std::string& text);
+// The twelve hexadecimal digits of a MAC written with "-", ":" or "." between them, or none at all
+// ("00-11-22-33-44-55", "00:11:22:33:44:55", "0011.2233.4455"): what is left once those three are
+// removed, or "" when that is not 12 hexadecimal digits.
+std::string MacDigits(const std::string& mac);
 
 // The broadcast address of ip under the mask 255.255.255.0 ("198.51.100.7" -> "198.51.100.255");
 // "" when ip is not a dotted IPv4 address.
 std::string WolBroadcast(const std::string& ip);
 
-// Why SendWOL would refuse this MAC and IP, or "" when it would send. Every "-" of the MAC is dropped
-// first; other separators stay and make the MAC invalid.
+// Why SendWOL would refuse this MAC and IP, or "" when it would send.
 std::string WolInputError(const std::string& mac, const std::string& ip);
 
 // Wakes one computer: one UDP datagram with the magic packet to the broadcast address of ip, port 7.

@@ -74,8 +74,6 @@ std::vector<std::string> Words(const std::string& line) {
   return words;
 }
 
-size_t PartCount(const std::string& subnet) { return Split(subnet, ".").size(); }
-
 }  // namespace
 
 BatchFiles MakeBatchFiles(int i, const std::string& subnet, const std::string& tempFolder) {
@@ -92,13 +90,14 @@ BatchFiles MakeBatchFiles(int i, const std::string& subnet, const std::string& t
 std::string BatchTempFolder(const std::string& home) { return home.substr(0, 3) + "Temp"; }
 
 LanScan::LanScan(asio::io_context& io, TimerFactory& timers, ComputerTable& table, Hs& hs, XapGlobal& xap,
-                 Reporter& reporter, std::function<std::string()> localIP, fs::path home)
+                 Reporter& reporter, std::function<std::string()> localIP, fs::path home, CommandShell shell)
     : table_(table),
       hs_(hs),
       xap_(xap),
       reporter_(reporter),
       localIP_(std::move(localIP)),
       home_(std::move(home)),
+      shell_(std::move(shell)),
       timer_(timers.Create()),
       sweep_(io, reporter, timers) {}
 
@@ -113,9 +112,10 @@ void LanScan::QueryLAN() {
   BuildARPTable();
 }
 
-// The configured subnets, or the one of this machine's address. A local address without "." gives the
-// sweep nothing (its caller reports that) and the reader the placeholder "a.b.c".
-std::optional<std::vector<std::string>> LanScan::SubnetList(bool forTimer) const {
+// The configured subnets, or the one of this machine's address, each checked and numbered by its place in
+// the list. A local address without "." gives the sweep nothing (its caller reports that) and the reader
+// the placeholder "a.b.c", which is no subnet either.
+std::optional<SubnetList> LanScan::Subnets(bool forTimer) const {
   std::string list = hs_.GetINISetting(kWol, "Subnet", "", kIniFile);
   if (list.empty()) {
     std::string ip = localIP_();
@@ -128,11 +128,11 @@ std::optional<std::vector<std::string>> LanScan::SubnetList(bool forTimer) const
       return std::nullopt;
     }
   }
-  return Split(list, ",");
+  return CheckSubnets(Split(list, ","));
 }
 
 LanScan::Method LanScan::ScanMethod(bool logFallback) const {
-  const bool haveCmd = platform::HasCmdShell();
+  const bool haveCmd = shell_.Available;
   const std::string fallback = haveCmd ? "batch" : "native";
   std::string value = LCase(Trim(hs_.GetINISetting(kWol, "ScanMethod", fallback, kIniFile)));
   if (value == "native") return Method::Native;
@@ -155,10 +155,12 @@ fs::path LanScan::LogFolder(Method method) const {
 }
 
 void LanScan::BuildARPTable() {
-  std::vector<std::string> subnets;
+  std::vector<ListedSubnet> subnets;
   try {
-    if (auto list = SubnetList(false)) {
-      subnets = std::move(*list);
+    if (auto list = Subnets(false)) {
+      for (const std::string& entry : list->Invalid)
+        reporter_.ReportEvent(kModule, kBuildLabel, Err::Of("Invalid subnet " + entry));
+      subnets = std::move(list->Valid);
     } else {
       reporter_.ReportEvent(kModule, kBuildLabel, kNoDotInLocalIP);
     }
@@ -168,7 +170,7 @@ void LanScan::BuildARPTable() {
   try {
     if (ScanMethod(true) == Method::Batch) {
       sweep_.Cancel();
-      for (size_t i = 0; i < subnets.size(); ++i) StartBatchSweep(static_cast<int>(i), subnets[i]);
+      for (const ListedSubnet& listed : subnets) StartBatchSweep(listed);
     } else {
       StartNativeSweep(subnets);
     }
@@ -178,8 +180,7 @@ void LanScan::BuildARPTable() {
   EnableTimer();
 }
 
-void LanScan::StartBatchSweep(int i, const std::string& subnet) {
-  if (PartCount(subnet) != 3) return;
+void LanScan::StartBatchSweep(const ListedSubnet& listed) {
   // Each step reports its own failure and the sweep goes on with the next one.
   auto step = [this](auto&& action) {
     try {
@@ -190,10 +191,10 @@ void LanScan::StartBatchSweep(int i, const std::string& subnet) {
   };
   const std::string temp = BatchFolder();
   const fs::path folder(temp);
-  const size_t n = static_cast<size_t>(i);
+  const size_t n = listed.Number;
   // A fresh Windows has no drive Temp folder; without it no sweep could ever run.
   step([&] { fs::create_directories(folder); });
-  const BatchFiles files = MakeBatchFiles(i, subnet, temp);
+  const BatchFiles files = MakeBatchFiles(static_cast<int>(n), listed.Subnet, temp);
   const std::pair<std::string, const std::string*> batches[] = {{ScanFile("p", n, ".bat"), &files.p},
                                                                 {ScanFile("p2", n, ".bat"), &files.p2},
                                                                 {ScanFile("p3", n, ".bat"), &files.p3}};
@@ -203,28 +204,21 @@ void LanScan::StartBatchSweep(int i, const std::string& subnet) {
     step([&] { WriteBytes(folder / name, *batch.second); });
   }
   step([&] { RemoveIfExists(folder / ScanFile("p", n, ".log")); });
-  step([&] { WatchProcess(platform::Process::StartCommand(temp + "\\" + ScanFile("p3", n, ".bat"))); });
+  step([&] { WatchProcess(shell_.Start(temp + "\\" + ScanFile("p3", n, ".bat"))); });
 }
 
-void LanScan::StartNativeSweep(const std::vector<std::string>& subnets) {
+void LanScan::StartNativeSweep(const std::vector<ListedSubnet>& subnets) {
   const fs::path folder = LogFolder(Method::Native);
   std::vector<std::string> probe;
   std::vector<size_t> numbers;
-  for (size_t i = 0; i < subnets.size(); ++i) {
-    if (PartCount(subnets[i]) != 3) continue;
-    // Blanks around a subnet are allowed, as CMD.EXE drops them from the batch file's argument.
-    const std::string& subnet = subnets[i];
-    if (!IsSubnetText(subnet)) {
-      reporter_.ReportEvent(kModule, kBuildLabel, Err::Of("Invalid subnet " + subnet));
-      continue;
-    }
+  for (const ListedSubnet& listed : subnets) {
     try {
-      RemoveIfExists(folder / ScanFile("p", i, ".log"));
+      RemoveIfExists(folder / ScanFile("p", listed.Number, ".log"));
     } catch (const std::exception& e) {
       reporter_.ReportEvent(kModule, kBuildLabel, Err::From(e));
     }
-    probe.push_back(subnet);
-    numbers.push_back(i);
+    probe.push_back(listed.Subnet);
+    numbers.push_back(listed.Number);
   }
   if (probe.empty()) {
     sweep_.Cancel();
@@ -270,10 +264,10 @@ void LanScan::ARPTimer_Timer() {
 bool LanScan::ProcessExists() const { return watched_.Running() || sweep_.Running(); }
 
 void LanScan::ReadLogs(const fs::path& folder) {
-  std::vector<std::string> subnets;
+  std::vector<ListedSubnet> subnets;
   std::string ownIp;
   try {
-    subnets = SubnetList(true).value_or(std::vector<std::string>{});
+    if (auto list = Subnets(true)) subnets = std::move(list->Valid);
     ownIp = localIP_();
   } catch (const std::exception& e) {
     reporter_.WriteLog(kModule, kTimerLabel, Err::From(e));
@@ -281,16 +275,23 @@ void LanScan::ReadLogs(const fs::path& folder) {
   // Every subnet read starts from an empty table (the settings keep them all); only this machine's own
   // entry survives.
   std::optional<KeyValuePair> own;
-  for (size_t i = 0; i < subnets.size(); ++i) {
+  std::vector<KeyValuePair> arp;
+  for (const ListedSubnet& listed : subnets) {
     DisableTimer();
     if (const KeyValuePair* entry = table_.ARPTable.Find(ownIp)) own = *entry;
     table_.ARPTable.RemoveAll();
-    ReadLog(folder / ScanFile("p", i, ".log"));
+    ReadLog(folder / ScanFile("p", listed.Number, ".log"), arp);
   }
   if (own && !table_.ARPTable.Exists(ownIp)) table_.ARPTable.Add(ownIp, *own);
+  // One save for the whole sweep, giving the file that a save per address would.
+  try {
+    hs_.SaveIniSettings("ARP", arp, kIniFile);
+  } catch (const std::exception& e) {
+    reporter_.WriteLog(kModule, kTimerLabel, Err::From(e));
+  }
 }
 
-void LanScan::ReadLog(const fs::path& file) {
+void LanScan::ReadLog(const fs::path& file, std::vector<KeyValuePair>& arp) {
   std::string text;
   try {
     std::error_code ec;
@@ -304,14 +305,14 @@ void LanScan::ReadLog(const fs::path& file) {
     // Static, broadcast and interface lines never say "dynamic".
     if (line.find("dynamic") == std::string::npos) continue;
     try {
-      AddArpLine(line);
+      AddArpLine(line, arp);
     } catch (const std::exception& e) {
       reporter_.WriteLog(kModule, kTimerLabel, Err::From(e));
     }
   }
 }
 
-void LanScan::AddArpLine(const std::string& line) {
+void LanScan::AddArpLine(const std::string& line, std::vector<KeyValuePair>& arp) {
   std::vector<std::string> words = Words(line);
   if (words.size() < 2) {
     reporter_.WriteLog(kModule, kTimerLabel, kShortArpLine);
@@ -321,7 +322,7 @@ void LanScan::AddArpLine(const std::string& line) {
   if (table_.ARPTable.Exists(ip)) return;
   std::string mac = UCase(words[1]);
   table_.ARPTable.Add(ip, KeyValuePair{ip, mac});
-  hs_.SaveIniSetting("ARP", ip, mac, kIniFile);
+  arp.push_back(KeyValuePair{ip, std::move(mac)});
 }
 
 void LanScan::WatchProcess(platform::Process process) { watched_ = std::move(process); }

@@ -14,6 +14,7 @@
 #include "core/Reporter.h"
 #include "core/Timer.h"
 #include "lan/NativeSweep.h"
+#include "lan/Subnet.h"
 #include "platform/Process.h"
 #include "settings/Hs.h"
 #include "xap/XapGlobal.h"
@@ -30,13 +31,21 @@ BatchFiles MakeBatchFiles(int i, const std::string& subnet, const std::string& t
 // The batch sweep's folder: the drive of the home path and "Temp" ("C:\Temp" for a home on C:).
 std::string BatchTempFolder(const std::string& home);
 
+// How the batch sweep reaches CMD.EXE: whether it is there, and how a command line is started under it.
+// Tests put a stand-in interpreter here.
+struct CommandShell {
+  bool Available = platform::HasCmdShell();
+  std::function<platform::Process(const std::string&)> Start = &platform::Process::StartCommand;
+};
+
 // The LAN scan: sends the presence query, sweeps every configured subnet (through batch files under
 // CMD.EXE, or the native sweep) and, once the sweep is over, reads the "p<i>.log" files into ARPTable and
 // section "ARP" of the settings. All of it runs on the io_context and never blocks it.
 class LanScan {
  public:
   LanScan(asio::io_context& io, TimerFactory& timers, ComputerTable& table, Hs& hs, XapGlobal& xap,
-          Reporter& reporter, std::function<std::string()> localIP, std::filesystem::path home);
+          Reporter& reporter, std::function<std::string()> localIP, std::filesystem::path home,
+          CommandShell shell = {});
   ~LanScan();
   LanScan(const LanScan&) = delete;
   LanScan& operator=(const LanScan&) = delete;
@@ -62,17 +71,18 @@ class LanScan {
  private:
   enum class Method { Batch, Native };
 
-  std::optional<std::vector<std::string>> SubnetList(bool forTimer) const;
+  std::optional<SubnetList> Subnets(bool forTimer) const;
   Method ScanMethod(bool logFallback) const;
   std::string BatchFolder() const;
   std::filesystem::path LogFolder(Method method) const;
 
-  void StartBatchSweep(int i, const std::string& subnet);
-  void StartNativeSweep(const std::vector<std::string>& subnets);
+  void StartBatchSweep(const ListedSubnet& listed);
+  void StartNativeSweep(const std::vector<ListedSubnet>& subnets);
   void OnSweepDone(const std::vector<size_t>& numbers, const std::vector<std::vector<ArpEntry>>& results);
   void ReadLogs(const std::filesystem::path& folder);
-  void ReadLog(const std::filesystem::path& file);
-  void AddArpLine(const std::string& line);
+  // Both add what they read to ARPTable and, as IP and MAC pairs, to arp, for one save per sweep.
+  void ReadLog(const std::filesystem::path& file, std::vector<KeyValuePair>& arp);
+  void AddArpLine(const std::string& line, std::vector<KeyValuePair>& arp);
 
   void EnableTimer();
   void DisableTimer();
@@ -83,6 +93,7 @@ class LanScan {
   Reporter& reporter_;
   std::function<std::string()> localIP_;
   std::filesystem::path home_;
+  CommandShell shell_;
 
   std::unique_ptr<Timer> timer_;
   NativeSweep sweep_;

@@ -9,6 +9,7 @@
 #include <asio/post.hpp>
 
 #include "core/Text.h"
+#include "lan/Subnet.h"
 #include "platform/LineEnd.h"
 #include "platform/Neighbours.h"
 
@@ -25,8 +26,9 @@ constexpr int kLastHost = 254;
 // The base address a.b.c.0 of a subnet text, or nothing for text that is not a subnet or names no
 // unicast hosts (0.x.x, 127.x.x loopback, 224 and above multicast and reserved).
 bool SubnetBase(const std::string& text, Ipv4& base) {
-  if (!IsSubnetText(text)) return false;
-  std::vector<std::string> parts = Split(Trim(text), ".");
+  auto subnet = ParseSubnet(text);
+  if (!subnet) return false;
+  std::vector<std::string> parts = Split(*subnet, ".");
   Ipv4 value = 0;
   for (const std::string& part : parts) value = (value << 8) | static_cast<Ipv4>(std::stoul(part));
   Ipv4 first = value >> 16;
@@ -228,47 +230,33 @@ std::string ArpLogText(const std::vector<ArpEntry>& entries) {
   return text;
 }
 
-bool IsSubnetText(const std::string& text) {
-  std::vector<std::string> parts = Split(Trim(text), ".");
-  if (parts.size() != 3) return false;
-  for (const std::string& part : parts) {
-    if (part.empty() || part.size() > 3) return false;
-    for (char c : part) {
-      if (c < '0' || c > '9') return false;
-    }
-    // "010" would be octal to some resolvers; only plain numbers are taken.
-    if (part.size() > 1 && part[0] == '0') return false;
-    if (std::stoi(part) > 255) return false;
-  }
-  return true;
-}
-
 int ScanCommand(const std::vector<std::string>& subnets, std::ostream& out, std::ostream& err) {
   if (subnets.empty()) {
     err << "usage: tavrel scan SUBNET... (each subnet three numbers, as 198.51.100)\n";
     return 2;
   }
-  bool bad = false;
-  for (const std::string& subnet : subnets) {
+  const SubnetList list = CheckSubnets(subnets);
+  bool bad = !list.Invalid.empty();
+  for (const std::string& entry : list.Invalid)
+    err << "tavrel scan: Invalid subnet " << entry << " (give three numbers 0-255, as 198.51.100)\n";
+  std::vector<std::string> sweep;
+  for (const ListedSubnet& listed : list.Valid) {
     Ipv4 base = 0;
-    if (!IsSubnetText(subnet)) {
-      err << "tavrel scan: \"" << subnet << "\" is not a subnet: give three numbers 0-255, as 198.51.100\n";
-      bad = true;
-    } else if (!SubnetBase(subnet, base)) {
-      err << "tavrel scan: \"" << subnet
+    if (!SubnetBase(listed.Subnet, base)) {
+      err << "tavrel scan: \"" << listed.Subnet
           << "\" holds no computers (0, 127 and 224 and above are not swept)\n";
       bad = true;
     }
+    sweep.push_back(listed.Subnet);
   }
   if (bad) return 2;
-
   asio::io_context io;
   StreamReporter reporter(err);
   LoopTimers timers(io);
-  NativeSweep sweep(io, reporter, timers);
+  NativeSweep native(io, reporter, timers);
   std::vector<std::vector<ArpEntry>> results;
-  sweep.Start(subnets,
-              [&results](const std::vector<std::vector<ArpEntry>>& perSubnet) { results = perSubnet; });
+  native.Start(std::move(sweep),
+               [&results](const std::vector<std::vector<ArpEntry>>& perSubnet) { results = perSubnet; });
   io.run();
   for (const std::vector<ArpEntry>& entries : results) {
     for (const ArpEntry& entry : entries) out << entry.Ip << ' ' << entry.Mac << '\n';

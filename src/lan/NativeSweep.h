@@ -49,7 +49,7 @@ class NativeSweep {
   NativeSweep(const NativeSweep&) = delete;
   NativeSweep& operator=(const NativeSweep&) = delete;
 
-  // subnets are "a.b.c" texts (three dotted numbers 0-255), checked by the caller. A sweep already
+  // subnets are "a.b.c" texts, checked by the caller with ParseSubnet. A sweep already
   // running is cancelled first (its Done is not called). done runs on the io_context.
   void Start(std::vector<std::string> subnets, Done done);
   bool Running() const;
@@ -63,9 +63,6 @@ class NativeSweep {
 // The results of one subnet as "arp -a" prints them: per entry two blanks, the IP, blanks to column 24,
 // the MAC, blanks, "dynamic", line end; read back by the scan timer's log reader.
 std::string ArpLogText(const std::vector<ArpEntry>& entries);
-
-// True when text is three dotted decimal numbers 0-255 ("198.51.100").
-bool IsSubnetText(const std::string& text);
 
 // `tavrel scan SUBNET...`: one sweep, printing "IP MAC" per line; exit code 0, or 2 with a message on err
 // for bad arguments.

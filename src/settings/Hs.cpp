@@ -36,6 +36,15 @@ void Hs::SaveIniSetting(std::string_view section, std::string_view key, std::str
   ini.Save();
 }
 
+void Hs::SaveIniSettings(std::string_view section, const std::vector<KeyValuePair>& pairs,
+                         std::string_view file) {
+  if (pairs.empty()) return;
+  IniTool ini(reporter_);
+  ini.Load(FilePath(file));
+  ini.WriteKeysAsRounds(section, pairs);
+  ini.Save();
+}
+
 std::string Hs::GetINISection(std::string_view section, std::string_view file) const {
   IniTool ini(reporter_);
   ini.Load(FilePath(file));

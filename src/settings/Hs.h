@@ -4,7 +4,9 @@
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
+#include "core/KeyValuePair.h"
 #include "core/Reporter.h"
 
 namespace tavrel {
@@ -25,6 +27,10 @@ class Hs {
                             std::string_view file = {}) const;
   void SaveIniSetting(std::string_view section, std::string_view key, std::string_view value,
                       std::string_view file = {});
+  // The pairs written into one section with one load and one save: the file ends as that many
+  // SaveIniSetting calls would leave it, and its "_bck" copy holds it as it was before. No pairs, no save.
+  void SaveIniSettings(std::string_view section, const std::vector<KeyValuePair>& pairs,
+                       std::string_view file = {});
   // Every pair of the section as key "=" value, in order, joined by character 0.
   std::string GetINISection(std::string_view section, std::string_view file = {}) const;
   void ClearINISection(std::string_view section, std::string_view file = {});

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <fstream>
+#include <optional>
 #include <system_error>
 #include <utility>
 
@@ -36,10 +37,11 @@ bool IsSectionEntry(const std::string& key, const std::string& item) {
   return true;
 }
 
-// One line without its end: blanks at both ends go, and so do carriage returns before the end, so that
-// "\r\n" files read like "\n" files and a saved file reads back exactly as it was written.
+constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
+
+// One line without its end, trimmed of blanks at both ends.
 std::string_view CleanLine(std::string_view line) {
-  size_t end = line.find_last_not_of(" \r");
+  size_t end = line.find_last_not_of(' ');
   if (end == std::string_view::npos) return {};
   size_t begin = line.find_first_not_of(' ');
   return line.substr(begin, end - begin + 1);
@@ -100,30 +102,50 @@ void TakeLine(std::string_view line, std::string& sectionKey, OrderedDict<std::s
   table.Add(key, std::string(line.substr(equal + 1)));  // the first of duplicate keys wins
 }
 
+// Whatever an editor may have written reads alike: a UTF-8 byte-order mark at the start is skipped, and
+// CR LF, LF and a lone CR all end a line.
 void Parse(std::string_view text, OrderedDict<std::string>& table, Reporter& reporter) {
+  if (text.starts_with(kByteOrderMark)) text.remove_prefix(kByteOrderMark.size());
   std::string sectionKey;  // lines before the first header belong to the section ""
   size_t pos = 0;
   while (pos < text.size()) {
-    size_t newline = text.find('\n', pos);
-    size_t end = newline == std::string_view::npos ? text.size() : newline;
+    size_t end = text.find_first_of("\r\n", pos);
+    if (end == std::string_view::npos) end = text.size();
     TakeLine(CleanLine(text.substr(pos, end - pos)), sectionKey, table, reporter);
     pos = end + 1;
+    if (end < text.size() && text[end] == '\r' && pos < text.size() && text[pos] == '\n') ++pos;
   }
 }
 
-// The file text of the table: every entry whose key holds the separator is a row (header before it, key
-// after it), sorted by header and then key without regard to case; a header line opens each new header.
-// The rows of the section "" come first and need no header line.
+// Every entry whose key holds the separator is a row: header before it, key after it.
+std::optional<Row> RowOf(const std::string& tableKey, const std::string& item) {
+  size_t at = tableKey.find(kSeparator);
+  if (at == std::string::npos) return std::nullopt;
+  std::string_view key(tableKey);
+  return Row{key.substr(0, at), key.substr(at + 1), &item};
+}
+
+// True when the line of the row reads back as the same row: nothing trims, splits or hides it.
+bool RowReadsBack(const Row& row) {
+  const std::string_view key = row.key, value = *row.item;
+  if (row.header.find_first_of("\r\n") != std::string_view::npos) return false;
+  if (key.find_first_of("=\r\n") != std::string_view::npos) return false;
+  if (value.find_first_of("\r\n") != std::string_view::npos) return false;
+  if (key.starts_with(' ') || key.starts_with(';') || value.ends_with(' ')) return false;
+  return !(key.starts_with('[') && value.ends_with(']'));  // that would read as a header
+}
+
+// The file text of the table: the rows sorted by header and then key without regard to case; a header
+// line opens each new header. The rows of the section "" come first and need no header line.
 std::string Render(const OrderedDict<std::string>& table) {
   std::vector<Row> rows;
   rows.reserve(table.Count());
   size_t length = 0;
   for (const auto& entry : table) {
-    size_t at = entry.key.find(kSeparator);
-    if (at == std::string::npos) continue;
-    std::string_view key(entry.key);
-    rows.push_back(Row{key.substr(0, at), key.substr(at + 1), &entry.value});
-    length += entry.key.size() + entry.value.size() + 8;
+    if (auto row = RowOf(entry.key, entry.value)) {
+      rows.push_back(*row);
+      length += entry.key.size() + entry.value.size() + 8;
+    }
   }
   std::stable_sort(rows.begin(), rows.end(), RowLess);
 
@@ -143,6 +165,8 @@ std::string Render(const OrderedDict<std::string>& table) {
     text += *row.item;
     text += platform::kLineEnd;
   }
+  // A first key that begins with the bytes of a byte-order mark keeps them: the reader skips only one.
+  if (text.starts_with(kByteOrderMark)) text.insert(0, kByteOrderMark);
   return text;
 }
 
@@ -200,9 +224,39 @@ void IniTool::Load(const fs::path& fileName) {
       reporter_.WriteLog(kModule, "IniTool Load ", Err::Of("Path/File access error", 75));
       return;
     }
-    Parse(ReadWholeFile(fileName), table_, reporter_);
+    LoadText(ReadWholeFile(fileName));
   } catch (const std::exception& e) {
     reporter_.WriteLog(kModule, "IniTool Load ", Err::From(e));
+  }
+}
+
+void IniTool::LoadText(std::string_view text) {
+  table_.RemoveAll();
+  Parse(text, table_, reporter_);
+}
+
+std::string IniTool::ToText() const { return Render(table_); }
+
+bool IniTool::TableReadsBack() const {
+  for (const auto& entry : table_) {
+    auto row = RowOf(entry.key, entry.value);
+    if (row && !RowReadsBack(*row)) return false;
+  }
+  return true;
+}
+
+// Between two rounds the file is written and read again, which changes the table only where a row does
+// not read back as written; only then is that round trip made here, in memory.
+void IniTool::WriteKeysAsRounds(std::string_view section, const std::vector<KeyValuePair>& pairs) {
+  bool steady = TableReadsBack();
+  const bool plainSection = section.find(kSeparator) == std::string_view::npos;
+  for (size_t i = 0; i < pairs.size(); ++i) {
+    WriteKey(section, pairs[i].Key, pairs[i].Value);
+    if (i + 1 == pairs.size()) break;
+    const std::string key = ValueKey(section, pairs[i].Key);
+    if (steady && plainSection && RowReadsBack(*RowOf(key, pairs[i].Value))) continue;
+    LoadText(ToText());
+    steady = TableReadsBack();
   }
 }
 
@@ -263,7 +317,7 @@ void IniTool::Save() {
     return;
   }
   try {
-    std::string text = Render(table_);
+    std::string text = ToText();
     BackUp(fileName_, reporter_);
     WriteReplacing(fileName_, text, reporter_);
   } catch (const std::exception& e) {

@@ -9,10 +9,22 @@
 namespace tavrel {
 namespace {
 
-TEST(MagicPacket, TwelveHexDigitsOfEitherCaseOnly) {
-  EXPECT_EQ(MagicPacket("001a2BC3d4Fe"), MagicPacket("001A2BC3D4FE"));
+TEST(MagicPacket, SixFFThenTheMacSixteenTimesForTwelveHexDigitsOfEitherCaseOnly) {
+  std::vector<unsigned char> expected(6, 0xFF);
+  for (int copy = 0; copy < 16; ++copy) expected.insert(expected.end(), {0x00, 0x1A, 0x2B, 0xC3, 0xD4, 0xFE});
+  EXPECT_EQ(MagicPacket("001a2BC3d4Fe"), expected);
   for (const std::string text : {"", "001A2BC3D4F", "001A2BC3D4FE0", "00-1A-2B-C3-D4-FE", "001A2BC3D4FG"})
     EXPECT_THROW(MagicPacket(text), std::invalid_argument) << text;
+}
+
+// "-", ":" and "." are dropped wherever they stand; nothing else is.
+TEST(MacDigits, TheTwelveDigitsLeftOnceDashesColonsAndDotsAreGone) {
+  for (const char* mac :
+       {"00-11-22-aa-BB-cc", "00:11:22:aa:BB:cc", "0011.22aa.BBcc", "001122aaBBcc", "0-0-1122aaBBcc--"})
+    EXPECT_EQ(MacDigits(mac), "001122aaBBcc") << mac;
+  for (const char* mac : {"", "00-11-22-33-44", "00-11-22-33-44-55-66", "00 11 22 33 44 55",
+                          "00_11_22_33_44_55", "00-11-22-33-44-GG", "0x0011223344"})
+    EXPECT_EQ(MacDigits(mac), "") << mac;
 }
 
 TEST(WolBroadcast, LastOctetBecomes255OnlyForDottedDecimalIPv4) {
@@ -25,18 +37,23 @@ TEST(WolBroadcast, LastOctetBecomes255OnlyForDottedDecimalIPv4) {
 
 // Only refused input is sent here: a valid MAC and IP would put a real broadcast on the wire.
 TEST(SendWOL, RefusedInputIsReportedAsAnEventAndNotSent) {
-  EXPECT_EQ(WolInputError("0-0-1122334455--", "198.51.100.7"), "");  // every dash is dropped
+  EXPECT_EQ(WolInputError("00:11:22:33:44:55", "198.51.100.7"), "");
   EXPECT_EQ(WolInputError(std::string(1000, 'Z'), "198.51.100.7"),
-            "MAC address \"" + std::string(64, 'Z') + "...\" is not 12 hexadecimal digits");
+            "MAC address \"" + std::string(64, 'Z') +
+                "...\" is not 12 hexadecimal digits (such as 00-11-22-33-44-55, 00:11:22:33:44:55 or "
+                "0011.2233.4455)");
   test::RecordingReporter reporter;
-  EXPECT_FALSE(SendWOL("00:11:22:33:44:55", "198.51.100.7", reporter));
+  EXPECT_FALSE(SendWOL("00:11:22:33:44", "198.51.100.7", reporter));
   EXPECT_FALSE(SendWOL("001122334455", "198.51.100.300", reporter));
+  EXPECT_FALSE(SendWOL("001122334455", "", reporter));
   std::string reports;
   for (const auto& c : reporter.calls)
     reports += (c.event ? "event|" : "log|") + c.module + "|" + c.text + "|" + c.err.Description + "\n";
   EXPECT_EQ(reports,
-            "event|tavrel|SendWOL|MAC address \"00:11:22:33:44:55\" is not 12 hexadecimal digits\n"
-            "event|tavrel|SendWOL|IP address \"198.51.100.300\" is not a dotted IPv4 address\n");
+            "event|tavrel|SendWOL|MAC address \"00:11:22:33:44\" is not 12 hexadecimal digits (such as "
+            "00-11-22-33-44-55, 00:11:22:33:44:55 or 0011.2233.4455)\n"
+            "event|tavrel|SendWOL|IP address \"198.51.100.300\" is not a dotted IPv4 address\n"
+            "event|tavrel|SendWOL|IP address \"\" is not a dotted IPv4 address\n");
 }
 
 TEST(SendComputerControl, SendsTheActionToTheComputerAsItIsNamed) {

@@ -1,11 +1,16 @@
+#include <algorithm>
 #include <chrono>
+#include <map>
+#include <memory>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include "ManualTimers.h"
 #include "TestSupport.h"
+#include "core/Text.h"
 #include "lan/LanScan.h"
 
 namespace tavrel {
@@ -15,10 +20,11 @@ using namespace std::chrono_literals;
 namespace fs = std::filesystem;
 using Texts = std::vector<std::string>;
 
-// A command that runs until file appears, ten seconds at most (a batch file for CMD.EXE).
+// A command that runs until file appears or folder goes, ten seconds at most (a batch file for CMD.EXE).
 std::string WaitForFileCommand(const fs::path& folder, const fs::path& file) {
   if (!platform::HasCmdShell())
-    return "i=0; while [ ! -e '" + file.string() + "' ] && [ $i -lt 500 ]; do sleep 0.02; i=$((i+1)); done";
+    return "i=0; while [ ! -e '" + file.string() + "' ] && [ -d '" + folder.string() +
+           "' ] && [ $i -lt 500 ]; do sleep 0.02; i=$((i+1)); done";
   std::string loop = "@echo off\r\nset n=0\r\n:wait\r\nset /a n+=1\r\nif %n% geq 20000 exit /b\r\n";
   test::WriteFile(folder / "wait.bat", loop + "if not exist \"" + file.string() + "\" goto wait\r\n");
   return (folder / "wait.bat").string();
@@ -75,19 +81,10 @@ TEST(BatchFilesTest, NumberedByListPositionWithCrLfInTheTempFolderOfTheHomeDrive
   EXPECT_EQ(BatchTempFolder("C:\\Program Files\\tavrel"), "C:\\Temp");
 }
 
-TEST_F(LanScanTest, ScanMethodBatchFallsBackToNativeWhereThereIsNoCmd) {
-  SetWol("ScanMethod", "batch");
-  SetWol("Subnet", "10.1");
-  scan.BuildARPTable();
-  EXPECT_EQ(Reports(), platform::HasCmdShell()
-                           ? Texts{}
-                           : Texts{"log|tavrel|ScanMethod batch needs CMD.EXE, using native|0|"});
-}
-
 // The log reader: "dynamic" lines only (case matters), first MAC wins, upper case, one settings key per
-// address (replacing an older one); a "dynamic" line without a MAC is logged and skipped. Each subnet's log
-// starts from an empty table but for this machine's own entry; the settings keep all; a missing log is
-// skipped.
+// address (replacing an older one), all in one save; a "dynamic" line without a MAC is logged and skipped.
+// Each subnet's log starts from an empty table but for this machine's own entry; the settings keep all; a
+// missing log is skipped.
 TEST_F(LanScanTest, ReaderTakesDynamicLinesAndEachSubnetClearsTheTableButTheSettingsKeepAll) {
   SetWol("Subnet", "198.51.100,192.0.2,203.0.113");
   hs.SaveIniSetting("ARP", "198.51.100.9", "OLD", kIniFile);
@@ -101,7 +98,9 @@ TEST_F(LanScanTest, ReaderTakesDynamicLinesAndEachSubnetClearsTheTableButTheSett
            "  198.51.100.30         02-aa-bb-cc-dd-30     Dynamic\r\n"
            "198.51.100.11 02-Aa-bB-cc-dd-11 dynamic extra words\n");
   WriteLog(2, "  203.0.113.5           02-aa-bb-cc-ee-05     dynamic\r\n");
+  const std::string before = test::ReadFile(hs.FilePath(kIniFile));
   scan.ARPTimer_Timer();
+  EXPECT_EQ(test::ReadFile(hs.FilePath(kIniFile).string() + "_bck"), before);
   EXPECT_EQ(Arp(), (Texts{"203.0.113.5=02-AA-BB-CC-EE-05", "198.51.100.20=02-00-00-00-00-14"}));
   EXPECT_EQ(IniArp("198.51.100.7") + " " + IniArp("198.51.100.9") + " " + IniArp("198.51.100.11"),
             "00-11-22-33-44-55 02-AA-BB-CC-DD-09 02-AA-BB-CC-DD-11");
@@ -110,9 +109,9 @@ TEST_F(LanScanTest, ReaderTakesDynamicLinesAndEachSubnetClearsTheTableButTheSett
 }
 
 // Subnet "" means this machine's subnet, so only "p0.log" is read. A local address without "." fails the
-// sweep (reported, nothing started, the timer armed); the timer then reads "p0.log" for "a.b.c", but not
-// while the watched process runs.
-TEST_F(LanScanTest, EmptySubnetSettingReadsTheLocalSubnetOnceTheWatchedProcessHasEnded) {
+// sweep (reported, nothing started, the timer armed); the timer's placeholder "a.b.c" is no subnet, so
+// nothing is read.
+TEST_F(LanScanTest, EmptySubnetSettingReadsTheLocalSubnetOnly) {
   WriteLog(0, "  198.51.100.7          02-aa-bb-cc-dd-07     dynamic\r\n");
   WriteLog(1, "  203.0.113.5           02-aa-bb-cc-ee-05     dynamic\r\n");
   scan.ARPTimer_Timer();
@@ -121,22 +120,15 @@ TEST_F(LanScanTest, EmptySubnetSettingReadsTheLocalSubnetOnceTheWatchedProcessHa
   table.ARPTable.RemoveAll();
   scan.BuildARPTable();
   EXPECT_EQ(Reports(), Texts{"event|tavrel|BuildARPTable|5|Invalid procedure call or argument"});
-  EXPECT_FALSE(scan.ProcessExists());
-  const fs::path release = home.Path() / "release";
-  scan.WatchProcess(platform::Process::StartCommand(WaitForFileCommand(home.Path(), release)));
-  ASSERT_TRUE(scan.ProcessExists());
+  EXPECT_TRUE(!scan.ProcessExists() && scan.ARPTimerEnabled());
   scan.ARPTimer_Timer();
-  EXPECT_TRUE(table.ARPTable.Empty() && scan.ARPTimerEnabled());
-  test::WriteFile(release, "");
-  ASSERT_TRUE(test::WaitFor([&] { return !scan.ProcessExists(); }, 10s));
-  scan.ARPTimer_Timer();
-  EXPECT_EQ(Arp(), Texts{"198.51.100.7=02-AA-BB-CC-DD-07"});
-  EXPECT_FALSE(scan.ARPTimerEnabled());
+  EXPECT_TRUE(Arp().empty());
 }
 
 // Loopback subnets are never probed, so a sweep ends on the next turn of the loop without a packet. The
 // query waits in the pending-send list (no transport is up); Stop leaves nothing running. A sweep run to
 // its end deletes old logs, writes results by list number (blanks around a subnet allowed), reads at once.
+// Entries that are no subnet are reported at every sweep.
 TEST_F(LanScanTest, QueryLanAsksEveryAgentThenSweepsUntilStoppedOrDoneWritingLogsByListNumber) {
   SetWol("Subnet", "127.0.0,10.1, 127.0.1 ,a.b.c");
   AddArp("198.51.100.99", "02-00-00-00-00-99");
@@ -155,7 +147,140 @@ TEST_F(LanScanTest, QueryLanAsksEveryAgentThenSweepsUntilStoppedOrDoneWritingLog
   EXPECT_TRUE(fs::exists(LogFile(0)) && fs::exists(LogFile(2)));
   EXPECT_FALSE(fs::exists(LogFile(1)) || fs::exists(LogFile(3)));
   EXPECT_TRUE(Arp().empty() && !scan.ARPTimerEnabled() && !scan.ProcessExists());
-  EXPECT_EQ(Reports(), Texts(2, "event|tavrel|BuildARPTable|5|Invalid subnet a.b.c"));
+  const Texts invalid{"event|tavrel|BuildARPTable|5|Invalid subnet 10.1",
+                      "event|tavrel|BuildARPTable|5|Invalid subnet a.b.c"};
+  EXPECT_EQ(Reports(), (Texts{invalid[0], invalid[1], invalid[0], invalid[1]}));
+}
+
+// A stand-in for CMD.EXE that knows what the sweep's batch files use: "for /l %%v in (first,step,last) do
+// COMMAND", "COMMAND > FILE", a batch file called with arguments (%1, %2), "ping" (silent) and "arp -a IP",
+// which prints the entry of a host of its own small network. Paths are written with "\".
+struct StandInCmd {
+  std::map<std::string, std::string> hosts;  // IP -> MAC
+  int pings = 0;
+
+  std::string Run(std::string line, const Texts& args) {
+    for (size_t k = 0; k < args.size(); ++k) line = Replace(line, "%" + std::to_string(k + 1), args[k]);
+    if (line.starts_with("for /l %%")) {
+      const std::string var = line.substr(7, 3);
+      const size_t open = line.find('('), close = line.find(')'), body = line.find(" do ") + 4;
+      const Texts range = Split(line.substr(open + 1, close - open - 1), ",");
+      std::string out;
+      for (int v = std::stoi(range[0]); v <= std::stoi(range[2]); v += std::stoi(range[1]))
+        out += Run(Replace(line.substr(body), var, std::to_string(v)), args);
+      return out;
+    }
+    if (size_t to = line.find(" > "); to != std::string::npos) {
+      test::WriteFile(Path(line.substr(to + 3)), Run(line.substr(0, to), args));
+      return {};
+    }
+    const Texts words = Split(line, " ");
+    if (words[0] == "ping") return ++pings, std::string();
+    if (words[0] == "arp") {
+      auto host = hosts.find(words.at(2));
+      return host == hosts.end() ? "No ARP Entries Found.\r\n"
+                                 : "  " + host->first + "   " + host->second + "     dynamic\r\n";
+    }
+    std::string out;
+    for (const std::string& batchLine : Split(test::ReadFile(Path(words[0])), "\r\n"))
+      if (!batchLine.empty()) out += Run(batchLine, Texts(words.begin() + 1, words.end()));
+    return out;
+  }
+  static fs::path Path(std::string windowsPath) {
+    std::replace(windowsPath.begin(), windowsPath.end(), '\\', '/');
+    return windowsPath;
+  }
+};
+
+// The batch sweep under the stand-in. The home is "hm/home" below the test's folder, so the drive's Temp
+// folder is "hm/Temp" there. Each interpreter started runs until its "release<i>" file appears.
+class BatchSweepTest : public LanScanTest {
+ protected:
+  BatchSweepTest() {
+    fs::current_path(home.Path());
+    SetWol("ScanMethod", "batch");
+  }
+  ~BatchSweepTest() override {
+    for (const char* release : {"release0", "release2"}) test::WriteFile(home.Path() / release, "");
+    fs::current_path(cwd);
+  }
+  // Records the command line and the logs present when it starts, runs it, and leaves a process running.
+  platform::Process Start(const std::string& commandLine) {
+    std::string logs;
+    for (const char* log : {"p0.log", "p1.log", "p2.log"})
+      if (fs::exists(fs::path("hm/Temp") / log)) logs += std::string(" ") + log;
+    started.push_back(commandLine + " |" + logs);
+    cmd.Run(commandLine, {});
+    const std::string release = "release" + commandLine.substr(commandLine.size() - 5, 1);
+    return platform::Process::StartCommand(WaitForFileCommand(home.Path(), home.Path() / release));
+  }
+  std::unique_ptr<LanScan> Scan(bool cmdThere) {
+    return std::make_unique<LanScan>(
+        io, timers, table, hs, xap, reporter, [this] { return localIp; }, "hm/home",
+        CommandShell{cmdThere, [this](const std::string& line) { return Start(line); }});
+  }
+
+  const fs::path cwd = fs::current_path();
+  const std::string temp = fs::path("hm/Temp").make_preferred().string();
+  StandInCmd cmd;
+  Texts started;
+};
+
+// "batch" needs CMD.EXE and is the default where it is there; loopback is never probed by "native".
+TEST_F(BatchSweepTest, ScanMethodPicksTheSweepAndLogsAFallback) {
+  SetWol("Subnet", "127.0.0");
+  const std::tuple<bool, const char*, bool, Texts> cases[] = {
+      {true, "batch", true, {}},
+      {true, "", true, {}},
+      {true, "native", false, {}},
+      {false, "", false, {}},
+      {false, "batch", false, {"log|tavrel|ScanMethod batch needs CMD.EXE, using native|0|"}},
+      {true, "fast", true, {"log|tavrel|ScanMethod fast unknown, using batch|0|"}}};
+  for (const auto& [cmdThere, method, batch, reports] : cases) {
+    SetWol("ScanMethod", method);
+    reporter.calls.clear();
+    started.clear();
+    auto scanner = Scan(cmdThere);
+    scanner->BuildARPTable();
+    EXPECT_EQ(started.size(), batch ? 1u : 0u) << method << cmdThere;
+    EXPECT_EQ(Reports(), reports) << method << cmdThere;
+  }
+}
+
+// Files numbered by the place in the list, written to the drive's Temp folder (made when missing), an old
+// log deleted just before its interpreter starts; only the last interpreter is watched; then the logs are
+// read like those of the native sweep.
+TEST_F(BatchSweepTest, WritesAndStartsEveryValidSubnetAndReadsOnceTheLastInterpreterHasEnded) {
+  SetWol("Subnet", "198.51.100, 1.2.3&calc ,203.0.113");
+  cmd.hosts = {{"198.51.100.7", "00-11-22-33-44-55"}, {"203.0.113.254", "02-aa-bb-cc-dd-fe"}};
+  auto batch = Scan(true);
+  batch->BuildARPTable();
+  EXPECT_EQ(started, (Texts{temp + "\\p30.bat |", temp + "\\p32.bat | p0.log"}));
+  for (const auto& [i, subnet] : {std::pair{0, "198.51.100"}, std::pair{2, "203.0.113"}}) {
+    const BatchFiles files = MakeBatchFiles(i, subnet, temp);
+    const fs::path folder("hm/Temp");
+    const std::string n = std::to_string(i);
+    EXPECT_EQ(test::ReadFile(folder / ("p" + n + ".bat")) + test::ReadFile(folder / ("p2" + n + ".bat")) +
+                  test::ReadFile(folder / ("p3" + n + ".bat")),
+              files.p + files.p2 + files.p3);
+  }
+  EXPECT_FALSE(fs::exists("hm/Temp/p1.bat") || fs::exists("hm/Temp/p21.bat") ||
+               fs::exists("hm/Temp/p31.bat"));
+  EXPECT_EQ(cmd.pings, 2 * 254);
+  EXPECT_EQ(Reports(), Texts{"event|tavrel|BuildARPTable|5|Invalid subnet  1.2.3&calc "});
+
+  batch->ARPTimer_Timer();
+  EXPECT_TRUE(Arp().empty() && batch->ARPTimerEnabled());
+  test::WriteFile(home.Path() / "release2", "");  // the first interpreter runs on
+  ASSERT_TRUE(test::WaitFor([&] { return !batch->ProcessExists(); }, 10s));
+  batch->ARPTimer_Timer();
+  EXPECT_EQ(Arp(), Texts{"203.0.113.254=02-AA-BB-CC-DD-FE"});
+  EXPECT_EQ(IniArp("198.51.100.7") + " " + IniArp("203.0.113.254"), "00-11-22-33-44-55 02-AA-BB-CC-DD-FE");
+  EXPECT_FALSE(batch->ARPTimerEnabled());
+
+  started.clear();
+  batch->BuildARPTable();
+  EXPECT_EQ(started, (Texts{temp + "\\p30.bat | p2.log", temp + "\\p32.bat | p0.log"}));
 }
 
 }  // namespace

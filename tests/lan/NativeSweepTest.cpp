@@ -4,7 +4,9 @@
 
 #include <gtest/gtest.h>
 
+#include "core/Text.h"
 #include "lan/NativeSweep.h"
+#include "lan/Subnet.h"
 #include "platform/LineEnd.h"
 #include "platform/NeighbourWire.h"
 #include "support/ManualTimers.h"
@@ -31,17 +33,23 @@ TEST(ArpLogText, LinesAreThoseOfArpMinusA) {
 }
 
 // Only refused arguments here: a command that got past its checks would probe the machine's real link.
-TEST(Subnets, TextIsThreeDottedNumbersAndTheScanCommandRefusesOthersByNameWithExitCode2) {
-  for (const char* good : {"0.0.0", "255.255.255", " 203.0.113 "}) EXPECT_TRUE(IsSubnetText(good)) << good;
-  for (const char* bad : {"", "198.51", "198.51.100.0", "198.51.256", "198..100", "198.51.100.",
-                          "198.051.100", "+1.2.3", "1.2.3 4", "1000.2.3", "0x10.1.2"})
-    EXPECT_FALSE(IsSubnetText(bad)) << bad;
+TEST(Subnets, ThreeDottedNumbersNumberedByTheirPlaceAndTheScanCommandRefusesOthersByName) {
+  for (const char* good : {"0.0.0", "255.255.255", " 203.0.113  "})
+    EXPECT_EQ(ParseSubnet(good), Trim(good)) << good;
+  for (const char* bad :
+       {"", "198.51", "198.51.100.0", "198.51.256", "198..100", "198.51.100.", "198.051.100", "+1.2.3",
+        "1.2.3 4", "1000.2.3", "0x10.1.2", "1.2.3&calc", "1.2.3\t", "\t1.2.3"})
+    EXPECT_EQ(ParseSubnet(bad), std::nullopt) << bad;
+  const SubnetList list = CheckSubnets({"1.2.3&calc", " 198.51.100", "", "203.0.113 "});
+  EXPECT_EQ(list.Valid, (std::vector<ListedSubnet>{{1, "198.51.100"}, {3, "203.0.113"}}));
+  EXPECT_EQ(list.Invalid, (std::vector<std::string>{"1.2.3&calc", ""}));
   std::ostringstream out, err;
   EXPECT_EQ(ScanCommand({}, out, err), 2);
-  EXPECT_EQ(ScanCommand({"203.0.113.0/24", "0.1.2", "224.0.0"}, out, err), 2);
+  EXPECT_EQ(ScanCommand({"203.0.113.0/24", "0.1.2", "224.0.0", "1.2.3&calc"}, out, err), 2);
   EXPECT_EQ(out.str() + "|" + err.str(),
             "|usage: tavrel scan SUBNET... (each subnet three numbers, as 198.51.100)\n"
-            "tavrel scan: \"203.0.113.0/24\" is not a subnet: give three numbers 0-255, as 198.51.100\n"
+            "tavrel scan: Invalid subnet 203.0.113.0/24 (give three numbers 0-255, as 198.51.100)\n"
+            "tavrel scan: Invalid subnet 1.2.3&calc (give three numbers 0-255, as 198.51.100)\n"
             "tavrel scan: \"0.1.2\" holds no computers (0, 127 and 224 and above are not swept)\n"
             "tavrel scan: \"224.0.0\" holds no computers (0, 127 and 224 and above are not swept)\n");
 }

@@ -57,7 +57,7 @@ while True:
 listenerPid=$!
 lines_within 10 0 || fail "listener did not start"
 
-ip netns exec "$sender" "$bin" wake 00-11-22-33-44-55 198.51.100.2 >"$work/out" 2>&1 ||
+ip netns exec "$sender" "$bin" wake 00:11:22:33:44:55 198.51.100.2 >"$work/out" 2>&1 ||
   fail "tavrel wake failed: $(cat "$work/out")"
 lines_within 10 1 || fail "no packet from tavrel wake to 198.51.100.255:7"
 ip netns exec "$sender" wakeonlan -i 198.51.100.255 -p 7 00:11:22:33:44:55 >/dev/null || fail "wakeonlan failed"
@@ -70,7 +70,7 @@ theirs=$(sed -n 2p "$received")
 
 # Bad MACs: a non-zero exit with a message, and no packet. The marker sent afterwards arrives next only
 # when none of them sent anything, so there is no fixed wait.
-for mac in 00:11:22:33:44:55 00-11-22-33-44-GG 00-11-22-33-44; do
+for mac in 00_11_22_33_44_55 00-11-22-33-44-GG 00-11-22-33-44; do
   ! ip netns exec "$sender" "$bin" wake "$mac" 198.51.100.2 >"$work/out" 2>&1 || fail "tavrel wake accepted $mac"
   [ -s "$work/out" ] || fail "tavrel wake rejected $mac without a message"
 done

@@ -1,10 +1,11 @@
 #include <filesystem>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include <gtest/gtest.h>
 
 #include "TestSupport.h"
-#include "Version.h"
 #include "platform/LineEnd.h"
 #include "settings/Hs.h"
 
@@ -31,8 +32,6 @@ TEST_F(HsTest, MissingFileGivesTheDefaultAndIsNotCreated) {
   EXPECT_TRUE(reporter_.calls.empty());
 }
 
-TEST_F(HsTest, VersionIsMajorMinorAndRevision) { EXPECT_EQ(hs_.Version(), kVersionText); }
-
 TEST_F(HsTest, EveryCallSeesTheFileAsItIsNowAndSavesAtOnce) {
   hs_.SaveIniSetting("Main", "key", "value");  // no file name: settings.ini
   EXPECT_EQ(ReadFile(Config() / "settings.ini"), "[MAIN]" + nl_ + "KEY=value" + nl_);
@@ -50,6 +49,40 @@ TEST_F(HsTest, SectionsComeAsPairsSeparatedByNulAndClearingRewritesTheFile) {
   EXPECT_EQ(hs_.GetINISection("none", "t.ini"), "=");  // the one empty name of a section without keys
   hs_.ClearINISection("arp", "t.ini");
   EXPECT_EQ(ReadFile(Config() / "t.ini"), "[COMPUTER]" + nl_ + "PC1=203.0.113.5" + nl_ + "PC2=" + nl_);
+}
+
+// One save of several keys leaves the file that a save per key would, also where names and values do not
+// read back as written; the backup holds the file as it was before them all.
+TEST_F(HsTest, SeveralKeysInOneSaveGiveTheFileOfOneSavePerKey) {
+  const std::string start =
+      "\xEF\xBB\xBF[ARP]\r198.51.100.1=OLD\r\n[a~b=c]\nk=v\n[x]\n[arp]\n198.51.100.9=keep\nnoequal\n";
+  using Pairs = std::vector<KeyValuePair>;
+  const std::pair<const char*, Pairs> cases[] = {
+      {"ARP", {{"198.51.100.1", "00-11"}, {"198.51.100.2", "00-22"}, {"198.51.100.1", "00-33"}}},
+      {"ARP",
+       {{";c", "1"},
+        {"[h", "]"},
+        {"after", "2"},
+        {" lead", "3"},
+        {"a=b", "4"},
+        {"a", "5"},
+        {"tail", "6 "},
+        {"t2", "7"},
+        {"cr", "x\ry"},
+        {"\xEF\xBB\xBFm", "8"},
+        {"z", "9"}}},
+      {"s~t", {{"k", "1"}, {"k2", "2"}}},
+      {"", {{"\xEF\xBB\xBF", "1"}, {"k", "2"}}}};
+  for (const auto& [section, pairs] : cases) {
+    WriteFile(Config() / "one.ini", start);
+    WriteFile(Config() / "each.ini", start);
+    hs_.SaveIniSettings(section, pairs, "one.ini");
+    for (const auto& pair : pairs) hs_.SaveIniSetting(section, pair.Key, pair.Value, "each.ini");
+    EXPECT_EQ(ReadFile(Config() / "one.ini"), ReadFile(Config() / "each.ini")) << pairs[0].Key;
+    EXPECT_EQ(ReadFile(Config() / "one.ini_bck"), start);
+  }
+  hs_.SaveIniSettings("ARP", {}, "none.ini");
+  EXPECT_FALSE(std::filesystem::exists(Config() / "none.ini"));
 }
 
 }  // namespace

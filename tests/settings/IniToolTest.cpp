@@ -79,8 +79,18 @@ TEST_F(IniToolTest, SaveSortsByTextWithoutRegardToCaseKeepsABackupAndSurvivesHos
   EXPECT_EQ(ReadFile(File().string() + "_bck"), sorted);
   const std::string tilde = Resaved("[a~b]\nc~d=e\n");  // "~" also joins section and key inside
   EXPECT_EQ(Resaved(tilde), tilde);
-  for (const char* text : {"[a]\r\nk=v\r\nl=w", "[a]\nk=v  \r\r\nl=w \r", "\r\n  \n[a]\nk=v\nl=w\n\n"})
-    EXPECT_EQ(Resaved(text), Lines({"[A]", "K=v", "L=w"})) << text;
+  // CR LF, LF and a lone CR end lines; a byte-order mark at the start is skipped.
+  for (const char* text : {"[a]\r\nk=v\r\nl=w", "[a]\nk=v  \r\r\nl=w \r", "\r\n  \n[a]\nk=v\nl=w\n\n",
+                           "\xEF\xBB\xBF[a]\rk=v\r\rl=w\r", "\xEF\xBB\xBF[a]\nk=v\r\nl=w"}) {
+    ini_.LoadText(text);
+    EXPECT_EQ(ini_.ToText(), Lines({"[A]", "K=v", "L=w"})) << text;
+  }
+  // Elsewhere the mark is text, and a first key that begins with it keeps it when read back.
+  ini_.LoadText("\n\xEF\xBB\xBFk=v");
+  const std::string marked = ini_.ToText();
+  EXPECT_EQ(marked, "\xEF\xBB\xBF" + Lines({"\xEF\xBB\xBFK=v"}));
+  ini_.LoadText(marked);
+  EXPECT_EQ(ini_.ToText(), marked);
   EXPECT_EQ(Resaved("=x\n[]\n=y\n"), Lines({"=x"}));
 }
 
