@@ -7,6 +7,7 @@
 
 #include "Version.h"
 #include "core/Text.h"
+#include "lan/Subnet.h"
 #include "pages/PageText.h"
 
 namespace tavrel {
@@ -281,7 +282,21 @@ void RemoteASP::AcceptRemoteChanges() {
   if (computersChanged) SaveDictionary(ctx_.table.Computers, "Computer");
 }
 
-void RemoteASP::StoreSubnets(const std::string& subnets) { SaveSetting("Subnet", subnets); }
+// Only a list of valid subnets is stored, each in its plain form, so no posted text reaches a scan.
+void RemoteASP::StoreSubnets(const std::string& subnets) {
+  std::vector<std::string> parsed;
+  for (const std::string& entry : Split(subnets, ",")) {
+    std::optional<std::string> subnet = ParseSubnet(entry);
+    if (!subnet) {
+      notices_.push_back(HtmlEscape("Subnets not stored: \"" + subnets +
+                                    "\" is not a comma-separated list of subnets, each three numbers 0-255 "
+                                    "separated by dots."));
+      return;
+    }
+    parsed.push_back(std::move(*subnet));
+  }
+  SaveSetting("Subnet", Join(parsed, ","));
+}
 
 void RemoteASP::ActOnRow(const Row& row, bool save, bool& arpChanged, bool& computersChanged) {
   const std::string& k = row.Key;

@@ -232,14 +232,21 @@ TEST_F(PageTest, SubnetsAndSortClicks) {
       {"subnet=198.51.100%2C203.0.113&MAC=MAC", "MAC", "DESC"},
       {"subnet=198.51.100%2C203.0.113&Name=Name", "Name", "DESC"},
       {"subnet=198.51.100%2C203.0.113&Name=Name", "Name", "ASC"},
+      {"subnet=198.51.100%2C1.2.3<b>&IP=IP", "IP", "ASC"},
   };
   for (const Step& step : steps) {
-    Post(step.fields);
+    const std::string html = Post(step.fields);
+    EXPECT_EQ(html.find("<b>"), std::string::npos);
     EXPECT_EQ(Ini("WOL", "Sort"), step.sort) << step.fields;
     EXPECT_EQ(Ini("WOL", "SortDir"), step.dir) << step.fields;
     EXPECT_EQ(Ini("WOL", "Subnet"), "198.51.100,203.0.113");
   }
-  EXPECT_EQ(page->LastSortClick(), "Name");
+  const std::string refused = Post("subnet=+198.51.100+%2C203.0.113;reboot");
+  EXPECT_NE(refused.find("Subnets not stored: &quot; 198.51.100 ,203.0.113;reboot&quot;"), std::string::npos);
+  EXPECT_EQ(Ini("WOL", "Subnet"), "198.51.100,203.0.113");
+  Post("subnet=+198.51.100+%2C203.0.113");  // blanks around an entry are allowed
+  EXPECT_EQ(Ini("WOL", "Subnet"), "198.51.100,203.0.113");
+  EXPECT_EQ(page->LastSortClick(), "IP");
   EXPECT_EQ(table.Computers.Keys(), Lines{"pc1"});
   EXPECT_TRUE(calls.empty());
   Post("subnet=198.51.100&QueryLAN=Query+LAN&WOL0=WOL");
