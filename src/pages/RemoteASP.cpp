@@ -88,6 +88,7 @@ void RemoteASP::XStartMiscFunctionsASP() {
 
 bool RemoteASP::xStartHeaderASP() {
   touchscreenClient_ = false;
+  if (!currentRequest_) return false;
   const std::string address = currentRequest_->ServerVariables("REMOTE_ADDR");
   const bool listed = std::any_of(touchscreenIps_.begin(), touchscreenIps_.end(),
                                   [&](const std::string& ip) { return !ip.empty() && ip == address; });
