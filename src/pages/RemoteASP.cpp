@@ -1,0 +1,362 @@
+#include "pages/RemoteASP.h"
+
+#include <algorithm>
+#include <array>
+#include <limits>
+#include <stdexcept>
+
+#include "Version.h"
+#include "core/Text.h"
+#include "lan/Subnet.h"
+#include "pages/PageText.h"
+
+namespace tavrel {
+namespace {
+
+constexpr std::string_view kWol = "WOL";
+constexpr std::array<std::string_view, 6> kSortKeys{"Online", "Name", "IP", "MAC", "Key", "IPSort"};
+constexpr std::array<const char*, 16> kFrameworkKeys{
+    "dbpath",         "dbname",         "dbusername",     "dbpassword", "dbserverip", "rowstyle",
+    "usesecurity",    "linkfileext",    "dbtype",         "hsip",       "exthsip",    "footerlinkrule",
+    "useslideinmenu", "audreyrowstyle", "touchscreenips", "usesound"};
+
+// A failure with the number the program's reports have always carried for it.
+struct RunTimeError : std::runtime_error {
+  RunTimeError(long number, const char* text) : std::runtime_error(text), number(number) {}
+  long number;
+};
+
+Err ErrOf(const std::exception& e) {
+  const auto* rt = dynamic_cast<const RunTimeError*>(&e);
+  return Err::From(e, rt ? rt->number : 5);
+}
+
+const std::string& RowField(const RemoteASP::Row& row, size_t field) {
+  switch (field) {
+    case 0:
+      return row.Online;
+    case 1:
+      return row.Name;
+    case 2:
+      return row.IP;
+    case 3:
+      return row.MAC;
+    case 4:
+      return row.Key;
+    default:
+      return row.IPSort;
+  }
+}
+
+}  // namespace
+
+std::string RemoteASP::RemotePage(Request& request, Response& response) {
+  std::string result;
+  try {
+    currentRequest_ = &request;
+    currentResponse_ = &response;
+    if (ctx_.scriptPagesEnabled) {
+      // The framework steps would run as script routines here; without a script host the page fails
+      // the way a failing step does.
+      throw RunTimeError(429, "The script host is not available");
+    }
+    XStartMiscFunctionsASP();
+    XSecurityCheck();
+    touchscreenClient_ = xStartHeaderASP();
+    result = ManagementPage();
+  } catch (const std::exception& e) {
+    ctx_.reporter.ReportEvent(kModule, "RemotePage", ErrOf(e));
+  }
+  // The request and the response end with this call.
+  currentRequest_ = nullptr;
+  currentResponse_ = nullptr;
+  return result;
+}
+
+void RemoteASP::XStartMiscFunctionsASP() {
+  try {
+    for (const char* key : kFrameworkKeys) {
+      framework_[key] = ctx_.hs.GetINISetting("Settings", key, "", kIniFile);
+    }
+    touchscreenIps_ = Split(framework_["touchscreenips"], ",");
+    useSound_ = UCase(framework_["usesound"]) == "TRUE";
+    rowStyle_ = framework_["rowstyle"];
+  } catch (const std::exception& e) {
+    ctx_.reporter.ReportEvent(kModule, std::string("XStartMiscFunctionsASP: ") + e.what());
+  }
+}
+
+bool RemoteASP::xStartHeaderASP() {
+  touchscreenClient_ = false;
+  if (!currentRequest_) return false;
+  const std::string address = currentRequest_->ServerVariables("REMOTE_ADDR");
+  const bool listed = std::any_of(touchscreenIps_.begin(), touchscreenIps_.end(),
+                                  [&](const std::string& ip) { return !ip.empty() && ip == address; });
+  const std::string agent = currentRequest_->ServerVariables("HTTP_USER_AGENT");
+  if (listed || agent.find("Audrey") != std::string::npos || agent.find("QNX") != std::string::npos) {
+    touchscreenClient_ = true;
+    rowStyle_ = framework_["audreyrowstyle"];
+  }
+  return touchscreenClient_;
+}
+
+std::string RemoteASP::ManagementPage() {
+  sortDirection_ = Setting("SortDir", "ASC");
+  notices_.clear();
+  if (!Form("clientinput").empty()) AcceptRemoteChanges();
+  return MainPage();
+}
+
+std::string RemoteASP::MainPage() {
+  FastString page;
+  page.Append("<html><head>");
+  FastString title;
+  title.Append("Tavrel&nbsp;&nbsp;<small><font size='1'></b>");
+  title.Append(" V" + std::to_string(kVersionMajor) + "." + std::to_string(kVersionMinor) + "." +
+               std::to_string(kVersionRevision));
+  title.Append("</font></small>");
+  page.Append(CustomHeader({title.ToString(), "", "#000000", "x", "StyleNoBody.css"}));
+  page.Append("<div><center><small>");
+  for (const std::string& notice : notices_) page.Append("<p>" + notice + "</p>");
+  page.Append("<table><tr><table>");
+  page.Append("<form name='exe' method='post'>");
+  page.Append("<input type='hidden' name='clientinput' value='yes'>");
+  page.Append(FormatCell("<input type='submit' name ='UpdateButton' value='Refresh'>", "TABLEROWEVEN", "1",
+                         "Center"));
+  if (!(ctx_.actions.ProcessExists && ctx_.actions.ProcessExists())) {
+    page.Append(FormatCell("<input type='submit' name ='QueryLAN' value='Query LAN'>", "TABLEROWEVEN", "1",
+                           "Center"));
+  }
+  page.Append(
+      FormatCell("<input type='submit' name ='Save' value='Save Changes'>", "TABLEROWEVEN", "1", "Center"));
+  page.Append("</table><table><tr>");
+  const std::string localIP = ctx_.actions.LocalIP ? ctx_.actions.LocalIP() : std::string();
+  const size_t lastDot = localIP.rfind('.');
+  const std::string subnets =
+      Setting("Subnet", lastDot == std::string::npos ? std::string() : localIP.substr(0, lastDot));
+  page.Append(FormatCell("Comma-separated subnets&nbsp;<input type='text' size='70' value='" +
+                             HtmlEscape(subnets) + "' name='subnet'>",
+                         "TABLEROWEVEN", "1", "Center"));
+  page.Append("</tr></table><table>");
+  WriteTableHeader(page);
+  page.Append("</form></small></table></center></div>");
+  page.Append("</body></html>");
+  return page.ToString();
+}
+
+void RemoteASP::WriteTableHeader(FastString& page) {
+  page.Append("<Table width='625' border='5' frame='box'><tr>");
+  for (std::string_view name : {"R", "Online", "Name", "IP", "MAC"}) {
+    const std::string button =
+        "<input type='submit' value='" + std::string(name) + "' name='" + std::string(name) + "'>";
+    page.Append(FormatCell(button, "TABLEHEADER", "1", "Center"));
+  }
+  page.Append(FormatCell("Control", "TABLEHEADER", "3", "Center"));
+  page.Append("</tr>");
+  UpdateDisplay(page);
+  page.Append("</table>");
+}
+
+RemoteASP::Row& RemoteASP::AddRow(std::string name, std::string ip, std::string mac, bool ipSort) {
+  Row row;
+  row.Name = std::move(name);
+  row.IP = std::move(ip);
+  row.MAC = std::move(mac);
+  if (ipSort) row.IPSort = MakeIPSort(row.IP);
+  row.Key = std::to_string(rows_->size());
+  rows_->push_back(std::move(row));
+  return rows_->back();
+}
+
+void RemoteASP::UpdateDisplay(FastString& page) {
+  try {
+    const std::string column = Setting("Sort", "Name");
+    const bool ipSort = column == "IP";
+    const ComputerTable& table = ctx_.table;
+    const DateTime now = ctx_.clock.Now();
+    rows_.emplace();
+    std::string shown;
+    for (const auto& [key, computer] : table.Computers) {
+      std::string mac;
+      if (const KeyValuePair* arp = computer.Value.empty() ? nullptr : table.ARPTable.Find(computer.Value)) {
+        mac = arp->Value;
+        shown += computer.Value + ";";
+      }
+      std::string colour = "yellow";
+      DateTime seen = now;
+      if (const KeyValuePair* last = table.LastSeen.Find(computer.Key)) {
+        if (!ParseDateTime(last->Value, seen)) throw RunTimeError(13, "Type mismatch");
+        colour = DateDiffMinutes(seen, now) > 15 ? "Red" : "Green";
+      }
+      const long long age = std::clamp<long long>((now - seen).count(), std::numeric_limits<int32_t>::min(),
+                                                  std::numeric_limits<int32_t>::max());
+      AddRow(computer.Key, computer.Value, std::move(mac), ipSort).Online =
+          "<img src='\\led-" + colour + ".gif'>&nbsp;" + FormatAge(static_cast<int32_t>(age));
+    }
+    for (const auto& [ip, arp] : table.ARPTable) {
+      // A plain substring test: an address that begins a shown one counts as shown.
+      if (shown.find(ip) == std::string::npos) AddRow("", ip, arp.Value, ipSort);
+    }
+    SortRows();
+
+    size_t index = 0;
+    for (const Row& row : *rows_) {
+      const std::string_view rowClass = index++ % 2 == 0 ? "TABLEROWODD" : "TABLEROWEVEN";
+      const std::string& k = row.Key;
+      const std::string cells[] = {
+          "<input type='checkbox' value='1' name='R" + k + "'>",
+          row.Online,
+          "<input type='text' name='Name" + k + "'size='8' value='" + HtmlEscape(row.Name) + "'>",
+          HtmlEscape(row.IP),
+          HtmlEscape(row.MAC),
+          row.MAC.empty() ? "&nbsp;" : "<input type='submit' name='WOL" + k + "' value='WOL'>",
+          row.Name.empty() ? "&nbsp;" : "<input type='submit' name='Reboot" + k + "' value='Reboot'>",
+          row.Name.empty() ? "&nbsp;" : "<input type='submit' name='Shutdown" + k + "' value='Shutdown'>",
+      };
+      page.Append("<tr>");
+      for (const std::string& cell : cells) page.Append(FormatCell(cell, rowClass, "1", "Left"));
+      page.Append("</tr>");
+    }
+  } catch (const std::exception& e) {
+    ctx_.reporter.ReportEvent(kModule, "UpdateDisplay", ErrOf(e));
+  }
+}
+
+// Orders the rows by the "Sort" setting ("IP" meaning the padded address) in SortDirection; a column or
+// direction that names nothing sorts by name and puts "Name" back into the setting.
+void RemoteASP::SortRows() {
+  std::string column = Setting("Sort", "Name");
+  if (column == "IP") column = "IPSort";
+  auto field = std::find_if(kSortKeys.begin(), kSortKeys.end(),
+                            [&](std::string_view key) { return EqualsNoCase(key, column); });
+  const bool ascending = sortDirection_.empty() || EqualsNoCase(sortDirection_, "ASC");
+  bool descending = EqualsNoCase(sortDirection_, "DESC");
+  if (field == kSortKeys.end() || !(ascending || descending)) {
+    field = kSortKeys.begin() + 1;
+    descending = false;
+    SaveSetting("Sort", "Name");
+  }
+  const size_t f = static_cast<size_t>(field - kSortKeys.begin());
+  std::stable_sort(rows_->begin(), rows_->end(), [&](const Row& a, const Row& b) {
+    const int c = CompareNoCase(RowField(a, f), RowField(b, f));
+    return descending ? c > 0 : c < 0;
+  });
+}
+
+std::string RemoteASP::FormatCell(std::string_view content, std::string_view cssClass,
+                                  std::string_view colspan, std::string_view align) const {
+  return tavrel::FormatCell(content, cssClass, colspan, align, touchscreenClient_);
+}
+
+void RemoteASP::AcceptRemoteChanges() {
+  bool arpChanged = false;
+  bool computersChanged = false;
+  try {
+    StoreSubnets(Replace(Form("subnet"), "%2C", ","));
+
+    for (std::string_view key : kSortKeys) {
+      if (Form(key).empty()) continue;
+      if (key != lastSortClick_) {
+        lastSortClick_ = key;
+      } else {
+        sortDirection_ = sortDirection_ == "ASC" ? "DESC" : "ASC";
+        SaveSetting("SortDir", sortDirection_);
+      }
+      SaveSetting("Sort", key);
+      return;
+    }
+    if (!Form("QueryLAN").empty()) {
+      if (ctx_.actions.QueryLAN) ctx_.actions.QueryLAN();
+      return;
+    }
+    if (!Form("Refresh").empty()) return;
+    if (!rows_) throw RunTimeError(91, "Object variable or With block variable not set");
+    if (rows_->empty()) return;
+
+    const bool save = !Form("Save").empty();
+    for (const Row& row : *rows_) ActOnRow(row, save, arpChanged, computersChanged);
+  } catch (const std::exception& e) {
+    ctx_.reporter.ReportEvent(kModule, "AcceptRemoteChanges", ErrOf(e));
+    return;
+  }
+  if (arpChanged) SaveDictionary(ctx_.table.ARPTable, "ARP");
+  if (computersChanged) SaveDictionary(ctx_.table.Computers, "Computer");
+}
+
+// Only a list of valid subnets is stored, each in its plain form, so no posted text reaches a scan.
+void RemoteASP::StoreSubnets(const std::string& subnets) {
+  std::vector<std::string> parsed;
+  for (const std::string& entry : Split(subnets, ",")) {
+    std::optional<std::string> subnet = ParseSubnet(entry);
+    if (!subnet) {
+      notices_.push_back(HtmlEscape("Subnets not stored: \"" + subnets +
+                                    "\" is not a comma-separated list of subnets, each three numbers 0-255 "
+                                    "separated by dots."));
+      return;
+    }
+    parsed.push_back(std::move(*subnet));
+  }
+  SaveSetting("Subnet", Join(parsed, ","));
+}
+
+void RemoteASP::ActOnRow(const Row& row, bool save, bool& arpChanged, bool& computersChanged) {
+  const std::string& k = row.Key;
+  ComputerTable& table = ctx_.table;
+  if (!save) {
+    if (!Form("Shutdown" + k).empty() && ctx_.actions.SendComputerControl) {
+      ctx_.actions.SendComputerControl(row.Name, "Shutdown");
+    }
+    if (!Form("Reboot" + k).empty() && ctx_.actions.SendComputerControl) {
+      ctx_.actions.SendComputerControl(row.Name, "Reboot");
+    }
+    if (!Form("WOL" + k).empty() && ctx_.actions.SendWOL) ctx_.actions.SendWOL(row.MAC, row.IP);
+    return;
+  }
+
+  const std::string newName = UCase(Form("Name" + k));
+  const bool renamed = newName != UCase(row.Name);
+  // A name the settings file could not give back unchanged is refused, and the page says so.
+  if (renamed && !newName.empty() && !IsStorableName(newName)) {
+    notices_.push_back(
+        HtmlEscape("Not renamed: \"" + newName +
+                   "\" cannot be stored as a computer name (1 to 63 characters; no control "
+                   "characters, \"=\" or \"~\"; no \";\" or \"[\" first; no blank at either end)."));
+  } else if (renamed) {
+    if (!row.Name.empty() && !table.Computers.Remove(row.Name))
+      throw RunTimeError(32811, "Element not found");
+    if (!newName.empty() && !row.IP.empty()) {
+      if (KeyValuePair* entry = table.Computers.Find(newName)) {
+        entry->Value = row.IP;
+      } else {
+        table.Computers.Add(newName, KeyValuePair{newName, row.IP});
+      }
+      ctx_.hs.SaveIniSetting("Computer", newName, row.IP, kIniFile);
+    }
+  }
+  if (!Form("R" + k).empty()) {
+    if (!row.IP.empty() && table.ARPTable.Remove(row.IP)) arpChanged = true;
+    if (!newName.empty()) {
+      if (table.Computers.Remove(newName)) computersChanged = true;
+      table.LastSeen.Remove(newName);
+    }
+  }
+}
+
+void RemoteASP::SaveDictionary(const OrderedDict<KeyValuePair>& table, std::string_view section) {
+  ctx_.hs.ClearINISection(section, kIniFile);
+  for (const auto& [key, entry] : table) ctx_.hs.SaveIniSetting(section, key, entry.Value, kIniFile);
+}
+
+std::string RemoteASP::Form(std::string_view name) const {
+  return currentRequest_ ? currentRequest_->Form(name) : std::string();
+}
+
+std::string RemoteASP::Setting(std::string_view key, std::string_view defaultValue) const {
+  return ctx_.hs.GetINISetting(kWol, key, defaultValue, kIniFile);
+}
+
+void RemoteASP::SaveSetting(std::string_view key, std::string_view value) {
+  ctx_.hs.SaveIniSetting(kWol, key, value, kIniFile);
+}
+
+}  // namespace tavrel

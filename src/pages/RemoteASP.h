@@ -1,0 +1,111 @@
+#pragma once
+
+#include <functional>
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "core/Clock.h"
+#include "core/ComputerTable.h"
+#include "core/FastString.h"
+#include "core/Reporter.h"
+#include "http/Request.h"
+#include "http/Response.h"
+#include "http/TCPServerModule.h"
+#include "settings/Hs.h"
+
+namespace tavrel {
+
+class LanScan;
+class XapGlobal;
+
+// What the page does to the network, handed in so the page runs without sockets. An empty function
+// does nothing (ProcessExists: no scan running; LocalIP: "").
+struct PageActions {
+  std::function<void(const std::string& mac, const std::string& ip)> SendWOL;
+  std::function<void(const std::string& computer, const std::string& action)> SendComputerControl;
+  std::function<void()> QueryLAN;
+  // True while a LAN scan runs; the page then offers no "Query LAN" button.
+  std::function<bool()> ProcessExists;
+  // This machine's IP address, for the default subnet.
+  std::function<std::string()> LocalIP;
+
+  // The program's own actions: the scan, SendWOL and SendComputerControl of the LAN layer.
+  static PageActions ForLan(LanScan& scan, XapGlobal& xap, Reporter& reporter,
+                            std::function<std::string()> localIP);
+};
+
+struct PageContext {
+  ComputerTable& table;
+  Hs& hs;
+  const Clock& clock;
+  Reporter& reporter;
+  PageActions actions;
+  // Runs the framework steps as script routines; the script host does not exist yet, so it stays off.
+  bool scriptPagesEnabled = false;
+};
+
+// The management page: the computer table with its buttons, and the actions its form posts. One object
+// lives for the whole run; it keeps the last click and the rows of the last rendering between requests.
+class RemoteASP : public PageHandler {
+ public:
+  explicit RemoteASP(PageContext ctx) : ctx_(std::move(ctx)) {}
+
+  // The page dispatch: the request drain calls it for the pages "\wol" and "\stat" and sends a non-empty
+  // result with SendTextString (an empty one: nothing at all). Never throws; failures are reported.
+  std::string RemotePage(Request& request, Response& response) override;
+
+  // Runs the form's actions when the request posts the page's own form, then renders.
+  std::string ManagementPage();
+  std::string MainPage();
+  // The header row, one row per computer and the closing tag.
+  void WriteTableHeader(FastString& page);
+  void UpdateDisplay(FastString& page);
+  std::string FormatCell(std::string_view content, std::string_view cssClass, std::string_view colspan,
+                         std::string_view align) const;
+  void AcceptRemoteChanges();
+  void SaveDictionary(const OrderedDict<KeyValuePair>& table, std::string_view section);
+
+  // The built-in framework steps.
+  void XStartMiscFunctionsASP();
+  // No security level: every visitor is served.
+  void XSecurityCheck() {}
+  bool xStartHeaderASP();
+
+  bool TouchscreenClient() const { return touchscreenClient_; }
+  const std::string& LastSortClick() const { return lastSortClick_; }
+
+  // One row of the rendered table, found again by its Key when the form comes back.
+  struct Row {
+    std::string Online, Name, IP, MAC, Key, IPSort;
+  };
+
+ private:
+  std::string Form(std::string_view name) const;
+  std::string Setting(std::string_view key, std::string_view defaultValue) const;
+  void SaveSetting(std::string_view key, std::string_view value);
+  Row& AddRow(std::string name, std::string ip, std::string mac, bool ipSort);
+  void SortRows();
+  void ActOnRow(const Row& row, bool save, bool& arpChanged, bool& computersChanged);
+  void StoreSubnets(const std::string& subnets);
+
+  PageContext ctx_;
+  const Request* currentRequest_ = nullptr;
+  Response* currentResponse_ = nullptr;
+  bool touchscreenClient_ = false;
+  std::string sortDirection_ = "ASC";
+  std::string lastSortClick_;
+  // The rows of the last rendering in their shown order; none before the first rendering.
+  std::optional<std::vector<Row>> rows_;
+  // Framework settings, the touch-screen addresses and the row style in force.
+  std::map<std::string, std::string> framework_;
+  std::vector<std::string> touchscreenIps_;
+  bool useSound_ = false;
+  std::string rowStyle_;
+  // What the page refused in this request, already escaped, shown above the table.
+  std::vector<std::string> notices_;
+};
+
+}  // namespace tavrel

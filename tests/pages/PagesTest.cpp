@@ -1,0 +1,329 @@
+#include <filesystem>
+#include <memory>
+#include <regex>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "TestSupport.h"
+#include "Version.h"
+#include "core/Text.h"
+#include "pages/PageText.h"
+#include "pages/RemoteASP.h"
+#include "pages/StaticFiles.h"
+
+namespace tavrel {
+namespace {
+
+namespace fs = std::filesystem;
+using Lines = std::vector<std::string>;
+
+class NullSink : public ConnectionSink {
+ public:
+  int Index() const override { return 1; }
+  int State() const override { return kConnected; }
+  void SetTag(std::string_view) override {}
+  void SendData(std::string) override {}
+  void StartBody(std::unique_ptr<BinaryBody>) override {}
+};
+
+// A golden page with the program's version put in.
+std::string Golden(const std::string& name) {
+  std::string text = test::ReadFile(fs::path(TAVREL_PAGES_GOLDEN) / name);
+  if (!text.empty() && text.back() == '\n') text.pop_back();
+  return Replace(text, "@VERSION@", kVersionText);
+}
+
+class PageTest : public ::testing::Test {
+ protected:
+  PageTest() {
+    PageActions actions;
+    actions.SendWOL = [this](const std::string& mac, const std::string& ip) {
+      calls.push_back("WOL " + mac + " " + ip);
+    };
+    actions.SendComputerControl = [this](const std::string& name, const std::string& action) {
+      calls.push_back(action + " " + name);
+    };
+    actions.QueryLAN = [this] { calls.push_back("QueryLAN"); };
+    actions.ProcessExists = [this] { return scanning; };
+    actions.LocalIP = [] { return std::string("198.51.100.20"); };
+    page = std::make_unique<RemoteASP>(PageContext{table, hs, clock, reporter, actions});
+  }
+
+  void AddComputer(const std::string& name, const std::string& ip, const std::string& seen = "") {
+    table.Computers.Add(name, {name, ip});
+    if (!seen.empty()) table.LastSeen.Add(name, {name, seen});
+  }
+  std::string Serve(const std::string& text, const std::string& agent = "Mozilla/5.0") {
+    Request request;
+    request.ParsePage(text.substr(0, text.find("\r\n")) + "\r\nHost: tavrel:8019\r\nUser-Agent: " + agent +
+                      text.substr(text.find("\r\n")));
+    Response response(sink, {home.Path() / "HTML", clock, reporter, nullptr});
+    return page->RemotePage(request, response);
+  }
+  std::string Get(const std::string& agent = "Mozilla/5.0") {
+    return Serve("GET /wol HTTP/1.1\r\n\r\n", agent);
+  }
+  std::string Post(const std::string& fields) {
+    return Serve("POST /wol HTTP/1.1\r\n\r\nclientinput=yes&" + fields);
+  }
+  std::string Ini(const std::string& section, const std::string& key) {
+    return hs.GetINISetting(section, key, "-", kIniFile);
+  }
+  // The IP cells of the rendered rows, in order.
+  static Lines RowIps(const std::string& html) {
+    static const std::regex ip("align=\"Left\" >([0-9.]+)</td>");
+    Lines ips;
+    for (std::sregex_iterator it(html.begin(), html.end(), ip), end; it != end; ++it) ips.push_back((*it)[1]);
+    return ips;
+  }
+
+  test::TempDir home;
+  test::RecordingReporter reporter;
+  Hs hs{home.Path() / "Config", reporter};
+  ComputerTable table;
+  ManualClock clock{MakeDateTime(2026, 11, 22, 10, 30, 0)};
+  NullSink sink;
+  Lines calls;
+  bool scanning = false;
+  std::unique_ptr<RemoteASP> page;
+};
+
+TEST(PageTextTest, AgesAddressesAndStrippedText) {
+  const std::pair<int32_t, std::string> ages[] = {
+      {0, ""}, {59, " 0:00:59"}, {3725, " 1:02:05"}, {90061, "1d  1:01:01"}, {-5, " 23:59:55"}};
+  for (const auto& [seconds, text] : ages) EXPECT_EQ(FormatAge(seconds), text) << seconds;
+  const std::pair<std::string, std::string> ips[] = {
+      {"198.51.100.5", "198.051.100.005"}, {"1.2345.x", "001.345.00x"}, {"", ""}};
+  for (const auto& [ip, sort] : ips) EXPECT_EQ(MakeIPSort(ip), sort) << ip;
+  const std::pair<std::string, std::string> texts[] = {
+      {"Tavrel&nbsp;&NBSP;<small><font size='1'></b> V1.2.3</font></small>", "Tavrel V1.2.3"},
+      {"a &nbspb <i>c</i> 1 < 2", "a b c 1 < 2"},
+      {"x > y <z", "x > y <z"}};
+  for (const auto& [text, stripped] : texts) EXPECT_EQ(StripHTML(text), stripped) << text;
+}
+
+TEST(PageTextTest, CellsInBothModes) {
+  struct Case {
+    const char *cssClass, *colspan, *align;
+    bool touch;
+    std::string cell;
+  };
+  const Case cases[] = {
+      {"TABLEHEADER", "3", "Center", false, R"(<td class="TABLEHEADER" colspan="3" align="Center" >x</td>)"},
+      {"Mine", "", "", false, R"(<td class="Mine" >x</td>)"},
+      {"tablecolumn", "1", "", true,
+       R"(<td bgcolor="#31639C" colspan="1" ><font face="Verdana, Arial, sans-serif" size="2" color="#FFFFFF">)"
+       R"(<b>x</b></font></td>)"},
+      {"TABLECELLCUSTOM", "", "Left", true,
+       R"(<td bgcolor="#000000" align="Left" ><font face="Verdana, Arial, sans-serif" size="2" color="#FFFFFF">)"
+       R"(x</font></td>)"},
+      {"Mine", "1", "", true, R"(<td colspan="1" >x</td>)"},
+  };
+  for (const Case& c : cases) EXPECT_EQ(FormatCell("x", c.cssClass, c.colspan, c.align, c.touch), c.cell);
+}
+
+// Green up to 15 calendar minutes, red from 16, yellow never seen; a MAC only for addresses in the ARP
+// cache; ARP-only rows after the named ones, except an address that begins a shown one.
+TEST_F(PageTest, WholePagesAreByteExact) {
+  AddComputer("pc1", "198.51.100.10", "2026-11-22 10:15:00");
+  AddComputer("Jo's <PC>", "198.51.100.11", "2026-11-22 10:14:59");
+  AddComputer("nas", "198.51.100.12");
+  AddComputer("old", "198.51.100.13", "2026-11-20 09:29:59");
+  table.ARPTable.Add("198.51.100.10", {"198.51.100.10", "00-11-22-33-44-55"});
+  table.ARPTable.Add("198.51.100.1", {"198.51.100.1", "00-11-22-33-44-01"});
+  table.ARPTable.Add("203.0.113.7", {"203.0.113.7", "AA-BB-CC-DD-EE-FF"});
+  EXPECT_EQ(Get(), Golden("table.html"));
+
+  hs.SaveIniSetting("WOL", "Sort", "IP", kIniFile);
+  hs.SaveIniSetting("WOL", "SortDir", "DESC", kIniFile);
+  hs.SaveIniSetting("WOL", "Subnet", "198.51.100,203.0.113", kIniFile);
+  table.Computers.RemoveAll();
+  AddComputer("pc1", "198.51.100.10", "2026-11-22 10:29:01");
+  scanning = true;
+  EXPECT_EQ(Get("Mozilla/4.0 (QNX)"), Golden("touch.html"));
+  EXPECT_TRUE(page->TouchscreenClient());
+  EXPECT_TRUE(reporter.calls.empty());
+}
+
+TEST_F(PageTest, RowsFollowTheSortSettingsAndABadSettingFallsBackToName) {
+  AddComputer("b", "198.51.100.100");
+  AddComputer("A", "198.51.100.9");
+  AddComputer("c", "198.51.100.10");
+  struct Case {
+    const char *sort, *dir;
+    Lines ips;
+    std::string sortAfter;
+  };
+  const Case cases[] = {
+      {"Name", "ASC", {"198.51.100.9", "198.51.100.100", "198.51.100.10"}, "Name"},
+      {"Name", "DESC", {"198.51.100.10", "198.51.100.100", "198.51.100.9"}, "Name"},
+      {"IP", "ASC", {"198.51.100.9", "198.51.100.10", "198.51.100.100"}, "IP"},
+      {"IP", "DESC", {"198.51.100.100", "198.51.100.10", "198.51.100.9"}, "IP"},
+      {"Key", "DESC", {"198.51.100.10", "198.51.100.9", "198.51.100.100"}, "Key"},
+      {"Colour", "DESC", {"198.51.100.9", "198.51.100.100", "198.51.100.10"}, "Name"},
+      {"MAC", "UP", {"198.51.100.9", "198.51.100.100", "198.51.100.10"}, "Name"},
+  };
+  for (const Case& c : cases) {
+    hs.SaveIniSetting("WOL", "Sort", c.sort, kIniFile);
+    hs.SaveIniSetting("WOL", "SortDir", c.dir, kIniFile);
+    EXPECT_EQ(RowIps(Get()), c.ips) << c.sort << " " << c.dir;
+    EXPECT_EQ(Ini("WOL", "Sort"), c.sortAfter) << c.sort;
+  }
+}
+
+TEST_F(PageTest, TouchScreenClientsByAddressOrBrowser) {
+  hs.SaveIniSetting("Settings", "touchscreenips", "203.0.113.5,tavrel", kIniFile);
+  Get("Mozilla/5.0");
+  EXPECT_TRUE(page->TouchscreenClient());  // the Host header names a listed address
+  hs.SaveIniSetting("Settings", "touchscreenips", "203.0.113.5", kIniFile);
+  for (const auto& [agent, touch] : {std::pair<std::string, bool>{"Audrey/2", true}, {"qnx audrey", false}}) {
+    Get(agent);
+    EXPECT_EQ(page->TouchscreenClient(), touch) << agent;
+  }
+}
+
+TEST_F(PageTest, ScriptPathWithoutAScriptHostAnswersNothing) {
+  auto scripted = RemoteASP(PageContext{table, hs, clock, reporter, {}, true});
+  Request request;
+  request.ParsePage("GET /wol HTTP/1.1\r\n\r\n");
+  Response response(sink, {home.Path(), clock, reporter, nullptr});
+  EXPECT_EQ(scripted.RemotePage(request, response), "");
+  ASSERT_EQ(reporter.calls.size(), 1u);
+  EXPECT_EQ(reporter.calls[0].text, "RemotePage");
+}
+
+// A fresh home gets the images and the style sheet; files already there stay as they are.
+TEST(StaticFilesTest, WrittenOnceWhenMissing) {
+  test::TempDir home;
+  test::RecordingReporter reporter;
+  const fs::path html = home.Path() / "HTML";
+  fs::create_directories(html);
+  test::WriteFile(html / "led-Red.gif", "mine");
+  WriteStaticFiles(html, reporter);
+  EXPECT_EQ(test::ReadFile(html / "led-Red.gif"), "mine");
+  for (const char* name : {"led-Green.gif", "led-yellow.gif"}) {
+    const std::string gif = test::ReadFile(html / name);
+    ASSERT_GT(gif.size(), 13u) << name;
+    EXPECT_EQ(gif.substr(0, 10), std::string("GIF89a\x0D\0\x0D\0", 10)) << name;
+    EXPECT_EQ(gif.back(), ';') << name;
+  }
+  const std::string css = test::ReadFile(html / "StyleNoBody.css");
+  for (const char* rule : {".TABLEHEADER { font-weight: bold; color: #FFFFFF; background-color: #63639C; }",
+                           ".TABLEROWODD { color: #000000; background-color: #C0C0C0; }"}) {
+    EXPECT_NE(css.find(rule), std::string::npos) << rule;
+  }
+  EXPECT_TRUE(reporter.calls.empty());
+}
+
+// Every post stores the subnets; a sort click changes the column and, on the column clicked last,
+// the direction, and does nothing else.
+TEST_F(PageTest, SubnetsAndSortClicks) {
+  AddComputer("pc1", "198.51.100.10");
+  Get();
+  struct Step {
+    const char *fields, *sort, *dir;
+  };
+  const Step steps[] = {
+      {"subnet=198.51.100%2C203.0.113&R=R&R0=1", "-", "-"},
+      {"subnet=198.51.100%2C203.0.113&Name=Name&Save=Save&Name0=", "Name", "-"},
+      {"subnet=198.51.100%2C203.0.113&Name=Name", "Name", "DESC"},
+      {"subnet=198.51.100%2C203.0.113&MAC=MAC", "MAC", "DESC"},
+      {"subnet=198.51.100%2C203.0.113&Name=Name", "Name", "DESC"},
+      {"subnet=198.51.100%2C203.0.113&Name=Name", "Name", "ASC"},
+      {"subnet=198.51.100%2C1.2.3<b>&IP=IP", "IP", "ASC"},
+  };
+  for (const Step& step : steps) {
+    const std::string html = Post(step.fields);
+    EXPECT_EQ(html.find("<b>"), std::string::npos);
+    EXPECT_EQ(Ini("WOL", "Sort"), step.sort) << step.fields;
+    EXPECT_EQ(Ini("WOL", "SortDir"), step.dir) << step.fields;
+    EXPECT_EQ(Ini("WOL", "Subnet"), "198.51.100,203.0.113");
+  }
+  const std::string refused = Post("subnet=+198.51.100+%2C203.0.113;reboot");
+  EXPECT_NE(refused.find("Subnets not stored: &quot; 198.51.100 ,203.0.113;reboot&quot;"), std::string::npos);
+  EXPECT_EQ(Ini("WOL", "Subnet"), "198.51.100,203.0.113");
+  Post("subnet=+198.51.100+%2C203.0.113");  // blanks around an entry are allowed
+  EXPECT_EQ(Ini("WOL", "Subnet"), "198.51.100,203.0.113");
+  EXPECT_EQ(page->LastSortClick(), "IP");
+  EXPECT_EQ(table.Computers.Keys(), Lines{"pc1"});
+  EXPECT_TRUE(calls.empty());
+  Post("subnet=198.51.100&QueryLAN=Query+LAN&WOL0=WOL");
+  EXPECT_EQ(calls, Lines{"QueryLAN"});
+}
+
+TEST_F(PageTest, RowActionsRenamesAndRemovals) {
+  hs.SaveIniSetting("Computer", "pc1", "198.51.100.10", kIniFile);
+  AddComputer("pc1", "198.51.100.10", "2026-11-22 10:29:00");
+  AddComputer("nas", "198.51.100.12");
+  table.ARPTable.Add("198.51.100.10", {"198.51.100.10", "00-11-22-33-44-55"});
+  table.ARPTable.Add("203.0.113.7", {"203.0.113.7", "AA-BB-CC-DD-EE-FF"});
+  Get();  // keys: pc1 0, nas 1, the ARP-only row 2; shown by name: 2, 1, 0
+
+  // Several buttons in one post act row by row in the shown order; with "Save" there is no wake.
+  Post("subnet=&WOL0=WOL&Reboot1=Reboot&Shutdown0=Shutdown&WOL2=WOL&R0=1");
+  Post("subnet=&Save=Save&WOL0=WOL&Name0=pc1&Name1=nas&Name2=");
+  EXPECT_EQ(calls, (Lines{"WOL AA-BB-CC-DD-EE-FF 203.0.113.7", "Reboot nas", "Shutdown pc1",
+                          "WOL 00-11-22-33-44-55 198.51.100.10"}));
+  EXPECT_EQ(table.Computers.Count(), 2u);
+  EXPECT_EQ(table.ARPTable.Count(), 2u);
+
+  // A rename stores the upper-case name at once; the old line stays until the section is rewritten.
+  Post("subnet=&Save=Save&Name0=office&Name1=nas&Name2=");
+  EXPECT_EQ(table.Computers.Keys(), (Lines{"nas", "OFFICE"}));
+  EXPECT_EQ(table.Computers.Find("office")->Value, "198.51.100.10");
+  EXPECT_EQ(hs.GetINISection("Computer", kIniFile),
+            std::string("OFFICE=198.51.100.10\0PC1=198.51.100.10", 38));
+
+  // Keys now: nas 0, OFFICE 1, the ARP-only row 2. Removing rewrites both sections.
+  Post("subnet=&Save=Save&Name0=nas&Name1=OFFICE&R1=1&Name2=&R2=1");
+  EXPECT_EQ(table.Computers.Keys(), Lines{"nas"});
+  EXPECT_TRUE(table.ARPTable.Empty());
+  EXPECT_FALSE(table.LastSeen.Exists("office"));
+  EXPECT_EQ(hs.GetINISection("Computer", kIniFile), "NAS=198.51.100.12");
+  EXPECT_EQ(hs.GetINISection("ARP", kIniFile), "=");  // a section without keys
+  EXPECT_TRUE(reporter.calls.empty());
+}
+
+// Names the settings file could not give back are refused with a word on the page; other names are
+// stored and shown escaped.
+TEST_F(PageTest, RenamesTakeOnlyStorableNames) {
+  const std::string tooLong(64, 'a');
+  const std::pair<std::string, std::string> posted[] = {{"%5Bevil", ""}, {"pc~1", ""},  {"+pc", ""},
+                                                        {"a\tb", ""},    {tooLong, ""}, {"<b>x", "<B>X"}};
+  for (const auto& [name, stored] : posted) {
+    table = ComputerTable{};
+    AddComputer("pc1", "198.51.100.10");
+    Get();
+    const std::string html = Post("subnet=&Save=Save&Name0=" + name);
+    if (stored.empty()) {
+      EXPECT_EQ(table.Computers.Keys(), Lines{"pc1"}) << name;
+      EXPECT_NE(html.find("cannot be stored as a computer name"), std::string::npos) << name;
+    } else {
+      EXPECT_EQ(table.Computers.Keys(), Lines{stored});
+      EXPECT_NE(html.find("value='&lt;B&gt;X'"), std::string::npos);
+      EXPECT_EQ(html.find("cannot be stored"), std::string::npos);
+    }
+    EXPECT_EQ(FindNoCase(html, "<b>x"), std::string::npos) << name;
+  }
+  EXPECT_EQ(hs.GetINISection("Computer", kIniFile), "<B>X=198.51.100.10");
+}
+
+// A post before any rendering, or one naming a computer that has gone meanwhile, is reported and
+// leaves the sections as they are; the page is still served.
+TEST_F(PageTest, FailedActionsAreReportedAndThePageStillServed) {
+  AddComputer("pc1", "198.51.100.10");
+  EXPECT_NE(Post("subnet=&Save=Save&Name0=pc2"), "");
+  Get();
+  table.Computers.Remove("pc1");
+  Post("subnet=&Save=Save&Name0=pc2&R0=1");
+  ASSERT_EQ(reporter.calls.size(), 2u);
+  for (size_t i = 0; i < 2; ++i) EXPECT_EQ(reporter.calls[i].text, "AcceptRemoteChanges");
+  EXPECT_EQ(reporter.calls[0].err.Number, 91);
+  EXPECT_EQ(reporter.calls[1].err.Number, 32811);
+  EXPECT_EQ(hs.GetINISection("Computer", kIniFile), "=");
+}
+
+}  // namespace
+}  // namespace tavrel
