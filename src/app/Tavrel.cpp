@@ -3,9 +3,14 @@
 #include <exception>
 #include <utility>
 
+#include "app/ServerLogFile.h"
+#include "core/Folders.h"
 #include "core/Text.h"
+#include "http/TCPServer.h"
 #include "lan/ComputerActions.h"
 #include "lan/LanScan.h"
+#include "pages/RemoteASP.h"
+#include "pages/StaticFiles.h"
 #include "platform/Host.h"
 #include "xap/XapHandler.h"
 #include "xap/XapTransport.h"
@@ -25,6 +30,7 @@ Tavrel::~Tavrel() { TakeDown(); }
 
 // Sockets closed, timers and a running sweep stopped: afterwards nothing is left for the loop to do.
 void Tavrel::TakeDown() {
+  if (server_) server_->Form_Unload();
   xapGlobal_.SetTransport(nullptr);
   if (transport_ && xapStarted_) transport_->SendStoppedHeartbeat();
   xapStarted_ = false;
@@ -45,6 +51,7 @@ bool Tavrel::form_load() {
     RegisterOwnAddress();
     lanScan_ = std::make_unique<LanScan>(
         io_, timers_, table_, hs_, xapGlobal_, log_, [this] { return transport_->LocalIP(); }, home_);
+    StartServer();
     return true;
   } catch (const std::exception& e) {
     log_.WriteLog(kModule, "Main Load", Err::From(e));
@@ -76,6 +83,25 @@ bool Tavrel::StartXap() {
                           [this](const std::string& mac, const std::string& ip) { SendWOL(mac, ip, log_); },
                           XapSource(), startup_.ExecutablePath});
   return true;
+}
+
+// The web server and its page. A fresh home gets the page's images and style sheet first; a server that
+// cannot listen has reported why, and the rest of the program runs on without it.
+void Tavrel::StartServer() {
+  WriteStaticFiles(home_ / "HTML", log_);
+  CreateFolders((home_ / "Data" / "tavrel" / "x").string(), log_);
+  if (options_.debug)
+    serverLog_ = std::make_unique<ServerLogFile>(home_ / "Data" / "tavrel" / "server.log", clock_);
+  pages_ = std::make_unique<RemoteASP>(PageContext{
+      table_, hs_, clock_, log_,
+      PageActions::ForLan(*lanScan_, xapGlobal_, log_, [this] { return transport_->LocalIP(); })});
+  TCPServer::Settings settings;
+  settings.httpPort = httpPortSetting_;
+  settings.hsAddress = hs_.GetINISetting("WOL", "HSAddress", "127.0.0.1", kIniFile);
+  settings.hsWebPort = hs_.GetINISetting("WOL", "HSWebPort", "80", kIniFile);
+  server_ = std::make_unique<TCPServer>(io_, timers_, clock_, log_, home_ / "HTML", settings,
+                                        serverLog_.get(), pages_.get());
+  server_->Form_Load();
 }
 
 void Tavrel::LoadIni() {

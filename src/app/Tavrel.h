@@ -19,6 +19,9 @@ namespace tavrel {
 class XapTransport;
 class XapHandler;
 class LanScan;
+class RemoteASP;
+class TCPServer;
+class ServerLogFile;
 
 // The application: builds the shared state at start, starts the xAP node, reads the computer table and
 // from then on only reacts to xAP messages, the menu (tray or signals) and the scan timer. Owns every
@@ -57,6 +60,7 @@ class Tavrel {
   Log& Reports() { return log_; }
   XapTransport* Transport() { return transport_.get(); }
   LanScan* Scan() { return lanScan_.get(); }
+  TCPServer* Server() { return server_.get(); }
 
   // The xAP source address of this node.
   std::string XapSource() const { return "zel.WOL." + startup_.LocalComputerName; }
@@ -65,6 +69,7 @@ class Tavrel {
  private:
   bool StartXap();
   void RegisterOwnAddress();
+  void StartServer();
   void TakeDown();
   void ReadSection(const char* section, bool computers);
 
@@ -83,6 +88,9 @@ class Tavrel {
   std::unique_ptr<XapTransport> transport_;
   std::unique_ptr<XapHandler> handler_;
   std::unique_ptr<LanScan> lanScan_;
+  std::unique_ptr<ServerLogFile> serverLog_;
+  std::unique_ptr<RemoteASP> pages_;
+  std::unique_ptr<TCPServer> server_;
 
   bool exiting_ = false;
   bool xapStarted_ = false;
