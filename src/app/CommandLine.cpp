@@ -80,12 +80,13 @@ std::string UsageText() {
          "  --home DIR   the folder holding Config/, Data/, HTML/ and Scripts/, made if missing (else\n"
          "               $TAVREL_HOME, else the program's folder if writable, else the per-user data "
          "folder)\n"
-         "  --debug      set the debug flag (for the HTTP server's debug log; the server is not built yet)\n"
+         "  --debug      write the web server's debug log to Data/tavrel/server.log in the home folder\n"
          "  --no-tray    no notification-area icon (the icon is not built yet: the service runs without "
          "one)\n"
          "\n"
-         "While running: SIGINT or SIGTERM exits (the tray menu's \"Exit\"); on Linux SIGUSR1 starts a LAN\n"
-         "scan (the tray menu's \"Query LAN\").\n";
+         "While running: the page is at http://localhost:8019/wol (\"HTTPPort\" of section WOL in\n"
+         "Config/tavrel.ini). SIGINT or SIGTERM exits (the tray menu's \"Exit\"); on Linux SIGUSR1\n"
+         "starts a LAN scan (the tray menu's \"Query LAN\").\n";
 }
 
 std::filesystem::path ResolveHome(const CommandLine& cmd) {
