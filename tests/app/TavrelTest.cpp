@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -6,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include "TestSupport.h"
+#include "app/CommandLine.h"
 #include "app/Tavrel.h"
 #include "core/Text.h"
 #include "lan/LanScan.h"
@@ -19,9 +21,7 @@ namespace {
 // The application started on loopback: a test socket holds the xAP port, so the node binds its own.
 class TavrelTest : public ::testing::Test {
  protected:
-  void Start(const std::string& tavrelIni) {
-    hub.open(asio::ip::udp::v4());
-    hub.bind({asio::ip::make_address("127.0.0.1"), 0});
+  void Start(const std::string& tavrelIni = "") {
     test::WriteFile(home.Path() / "Config" / "zelXap.ini", "[Interface]\nBroadcastAddress=127.0.0.1\nPort=" +
                                                                std::to_string(hub.local_endpoint().port()) +
                                                                "\n");
@@ -29,10 +29,14 @@ class TavrelTest : public ::testing::Test {
     app = std::make_unique<Tavrel>(io, home.Path(), clock, Tavrel::Options{});
     ASSERT_TRUE(app->form_load());
   }
+  void From(const std::string& name) {
+    app->Transport()->ProcessReceivedMessage("xap-header\n{\nv=12\nhop=1\nclass=x.y\nsource=a.b." + name +
+                                             "\n}\n");
+  }
 
   test::TempDir home;
   asio::io_context io;
-  asio::ip::udp::socket hub{io};
+  asio::ip::udp::socket hub{io, {asio::ip::make_address("127.0.0.1"), 0}};
   ManualClock clock{MakeDateTime(2026, 11, 22, 8, 0, 0)};
   std::unique_ptr<Tavrel> app;
 };
@@ -40,51 +44,27 @@ class TavrelTest : public ::testing::Test {
 TEST_F(TavrelTest, LoadIniSkipsBlankLinesAndKeepsThisMachinesEntry) {
   const std::string own = platform::ComputerName();
   Start("[Computer]\nPC1=198.51.100.5\nblank=   \n=198.51.100.6\n" + own +
-        "=198.51.100.99\nnoequal\n"
-        "[ARP]\n198.51.100.5=00-11-22-33-44-55\n198.51.100.6=  \n");
+        "=198.51.100.99\nnoequal\n[ARP]\n198.51.100.5=00-11-22-33-44-55\n198.51.100.6=  \n");
   auto& t = app->Table();
-  ASSERT_NE(t.Computers.Find("pc1"), nullptr);
-  EXPECT_EQ(*t.Computers.Find("PC1"), (KeyValuePair{"pc1", "198.51.100.5"}));
-  EXPECT_EQ(t.Computers.Find("blank"), nullptr);
-  EXPECT_EQ(t.Computers.Find(""), nullptr);
-  EXPECT_EQ(t.Computers.Find(own)->Value, app->Transport()->LocalIP());
-  EXPECT_EQ(t.Computers.Count(), 2u);
-  EXPECT_EQ(t.LastSeen.Find("pc1")->Value, "2026-11-22 08:00:00");
-  EXPECT_EQ(t.LastSeen.Find(own)->Value, "2026-11-22 08:00:00");
-
-  ASSERT_NE(t.ARPTable.Find("198.51.100.5"), nullptr);
-  EXPECT_EQ(t.ARPTable.Find("198.51.100.5")->Value, "00-11-22-33-44-55");
-  EXPECT_EQ(t.ARPTable.Find("198.51.100.6"), nullptr);
-  // This machine's own address is in the table and, with the same MAC, in the file.
   const std::string ip = app->Transport()->LocalIP();
-  ASSERT_NE(t.ARPTable.Find(ip), nullptr);
+  EXPECT_EQ(t.Computers.Keys(), (std::vector<std::string>{own, "pc1"}));
+  EXPECT_EQ(t.Computers.Find("PC1")->Value + " " + t.Computers.Find(own)->Value, "198.51.100.5 " + ip);
+  EXPECT_EQ(t.LastSeen.Find("pc1")->Value + " " + t.LastSeen.Find(own)->Value,
+            "2026-11-22 08:00:00 2026-11-22 08:00:00");
+  EXPECT_EQ(t.ARPTable.Keys(), (std::vector<std::string>{"198.51.100.5", ip}));
+  EXPECT_EQ(t.ARPTable.Find("198.51.100.5")->Value, "00-11-22-33-44-55");
+  // This machine's own address is in the table and, with the same MAC, in the file.
   EXPECT_EQ(app->Settings().GetINISetting("ARP", ip, "", kIniFile), t.ARPTable.Find(ip)->Value);
 }
 
-TEST_F(TavrelTest, OnMessageDrainsEveryWaitingMessage) {
-  Start("");
-  auto* transport = app->Transport();
-  for (const char* name : {"pca", "pcb", "pcc"}) {
-    transport->ProcessReceivedMessage(
-        std::string("xap-header\n{\nv=12\nhop=1\nuid=FF0001\nclass=x.y\nsource=a.b.") + name + "\n}\n");
-  }
-  app->onMessage();
-  EXPECT_NE(app->Table().Computers.Find("pcb"), nullptr);
-  EXPECT_NE(app->Table().Computers.Find("pcc"), nullptr);
-  EXPECT_EQ(transport->GetMessage(), "");
-}
-
-TEST_F(TavrelTest, LearnedNamesReadBackUnchangedAfterARestart) {
-  Start("");
+// One call handles every message waiting when it began; names read back unchanged after a restart.
+TEST_F(TavrelTest, OnMessageDrainsAndLearnedNamesReadBackAfterARestart) {
+  Start();
   std::vector<std::string> stored = {std::string(63, 'n'), "my pc;[1]#\"'", "\xef\xbb\xbfpc\xe9", "pc]"};
-  std::vector<std::string> senders = stored;
-  for (const char* unstorable : {"evil=1", "pc\r", "p~c", ";pc", "[pc]", " pc", "pc "})
-    senders.push_back(unstorable);
-  for (const auto& name : senders) {
-    app->Transport()->ProcessReceivedMessage(
-        "xap-header\n{\nv=12\nhop=1\nuid=FF0001\nclass=x.y\nsource=a.b." + name + "\n}\n");
-  }
+  for (const auto& name : stored) From(name);
+  for (const char* unstorable : {"evil=1", "pc\r", "p~c", ";pc", "[pc]", " pc", "pc "}) From(unstorable);
   app->onMessage();
+  EXPECT_EQ(app->Transport()->GetMessage(), "");
   // Every computer in the file gets an address, as a rename would give it: one without is not read back.
   const auto ini = home.Path() / "Config" / "tavrel.ini";
   std::string text = test::ReadFile(ini);
@@ -94,32 +74,37 @@ TEST_F(TavrelTest, LearnedNamesReadBackUnchangedAfterARestart) {
   test::WriteFile(ini, text);
 
   app.reset();
-  app = std::make_unique<Tavrel>(io, home.Path(), clock, Tavrel::Options{});
-  ASSERT_TRUE(app->form_load());
-  std::vector<std::string> names;
-  for (const auto& entry : app->Table().Computers) names.push_back(entry.value.Key);
+  Start();
   stored.insert(stored.begin(), platform::ComputerName());
   std::sort(stored.begin() + 1, stored.end(), [](const std::string& a, const std::string& b) {
     return CompareNoCase(a, b) < 0;  // the order of the saved file
   });
-  EXPECT_EQ(names, stored);
+  EXPECT_EQ(app->Table().Computers.Keys(), stored);
 }
 
-TEST_F(TavrelTest, OnlyExitEndsTheProgram) {
-  Start("");
-  for (int inert : {int(Tavrel::kSystemConfig), int(Tavrel::kSystemStatus), int(Tavrel::kHelp), 5, 42}) {
+TEST_F(TavrelTest, OnlyExitEndsTheProgramAndWritesNothing) {
+  Start();
+  for (int inert : {int(Tavrel::kSystemConfig), int(Tavrel::kSystemStatus), int(Tavrel::kHelp), 5, 42})
     app->MenuArray_Click(inert);
-  }
   app->Form_unload();
-  EXPECT_FALSE(app->Exiting());
-  EXPECT_FALSE(io.stopped());
-  EXPECT_FALSE(app->Scan()->ARPTimerEnabled());
-
+  EXPECT_FALSE(app->Exiting() || io.stopped() || app->Scan()->ARPTimerEnabled());
   app->MenuArray_Click(Tavrel::kExit);
-  EXPECT_TRUE(app->Exiting());
-  EXPECT_TRUE(io.stopped());
-  // Nothing was written at exit: the log is still empty.
+  EXPECT_TRUE(app->Exiting() && io.stopped());
   EXPECT_FALSE(std::filesystem::exists(home.Path() / "Data" / "tavrel.txt"));
+}
+
+// A missing home is made at start-up; a file where the home or one of its folders should be stops it.
+TEST(HomeFolderError, OnlyAFileInThePathStopsTheStart) {
+  test::TempDir dir;
+  test::WriteFile(dir.Path() / "file", "x");
+  const std::string file = (dir.Path() / "file").string();
+  const std::pair<std::filesystem::path, std::string> cases[] = {
+      {dir.Path(), ""},
+      {dir.Path() / "new" / "home", ""},
+      {dir.Path() / "file", "cannot use " + file + " as the home folder: " + file + " is not a folder"},
+      {dir.Path() / "file" / "home", "cannot use " + (dir.Path() / "file" / "home").string() +
+                                         " as the home folder: " + file + " is not a folder"}};
+  for (const auto& [home, error] : cases) EXPECT_EQ(HomeFolderError(home), error) << home;
 }
 
 }  // namespace

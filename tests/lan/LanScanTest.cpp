@@ -38,20 +38,11 @@ class LanScanTest : public ::testing::Test {
   std::string IniArp(const std::string& ip) const { return hs.GetINISetting("ARP", ip, "", kIniFile); }
   fs::path LogFile(int i) const { return home.Path() / "Temp" / ("p" + std::to_string(i) + ".log"); }
   void WriteLog(int i, const std::string& text) const { test::WriteFile(LogFile(i), text); }
-  void AddArp(const char* ip, const char* mac) { table.ARPTable.Add(ip, KeyValuePair{ip, mac}); }
   // The table as "ip=mac" texts, in its order.
   Texts Arp() const {
     Texts pairs;
     for (const auto& e : table.ARPTable) pairs.push_back(e.value.Key + "=" + e.value.Value);
     return pairs;
-  }
-  // Every report: "log|" or "event|", then "module|text|number|description".
-  Texts Reports() const {
-    Texts texts;
-    for (const auto& c : reporter.calls)
-      texts.push_back(std::string(c.event ? "event|" : "log|") + c.module + "|" + c.text + "|" +
-                      std::to_string(c.err.Number) + "|" + c.err.Description);
-    return texts;
   }
   // True when the loop runs out of work and no timer is left armed.
   bool LoopGoesIdle() {
@@ -88,8 +79,8 @@ TEST(BatchFilesTest, NumberedByListPositionWithCrLfInTheTempFolderOfTheHomeDrive
 TEST_F(LanScanTest, ReaderTakesDynamicLinesAndEachSubnetClearsTheTableButTheSettingsKeepAll) {
   SetWol("Subnet", "198.51.100,192.0.2,203.0.113");
   hs.SaveIniSetting("ARP", "198.51.100.9", "OLD", kIniFile);
-  AddArp(localIp.c_str(), "02-00-00-00-00-14");
-  AddArp("198.51.100.99", "02-00-00-00-00-99");
+  table.ARPTable.Add(localIp, KeyValuePair{localIp, "02-00-00-00-00-14"});
+  table.ARPTable.Add("198.51.100.99", KeyValuePair{"198.51.100.99", "02-00-00-00-00-99"});
   WriteLog(0,
            "  198.51.100.7           00-11-22-33-44-55     dynamic\r\n"
            "  198.51.100.9          02-aa-bb-cc-dd-09     dynamic   \r\n"
@@ -105,7 +96,7 @@ TEST_F(LanScanTest, ReaderTakesDynamicLinesAndEachSubnetClearsTheTableButTheSett
   EXPECT_EQ(IniArp("198.51.100.7") + " " + IniArp("198.51.100.9") + " " + IniArp("198.51.100.11"),
             "00-11-22-33-44-55 02-AA-BB-CC-DD-09 02-AA-BB-CC-DD-11");
   EXPECT_EQ(IniArp("198.51.100.30"), "");
-  EXPECT_EQ(Reports(), Texts{"log|tavrel|ARPTimer_Timer|9|Subscript out of range"});
+  EXPECT_EQ(reporter.Take(), Texts{"log|tavrel|ARPTimer_Timer|9|Subscript out of range"});
 }
 
 // Subnet "" means this machine's subnet, so only "p0.log" is read. A local address without "." fails the
@@ -119,7 +110,7 @@ TEST_F(LanScanTest, EmptySubnetSettingReadsTheLocalSubnetOnly) {
   localIp = "localhost";
   table.ARPTable.RemoveAll();
   scan.BuildARPTable();
-  EXPECT_EQ(Reports(), Texts{"event|tavrel|BuildARPTable|5|Invalid procedure call or argument"});
+  EXPECT_EQ(reporter.Take(), Texts{"event|tavrel|BuildARPTable|5|Invalid procedure call or argument"});
   EXPECT_TRUE(!scan.ProcessExists() && scan.ARPTimerEnabled());
   scan.ARPTimer_Timer();
   EXPECT_TRUE(Arp().empty());
@@ -131,7 +122,6 @@ TEST_F(LanScanTest, EmptySubnetSettingReadsTheLocalSubnetOnly) {
 // Entries that are no subnet are reported at every sweep.
 TEST_F(LanScanTest, QueryLanAsksEveryAgentThenSweepsUntilStoppedOrDoneWritingLogsByListNumber) {
   SetWol("Subnet", "127.0.0,10.1, 127.0.1 ,a.b.c");
-  AddArp("198.51.100.99", "02-00-00-00-00-99");
   scan.QueryLAN();
   EXPECT_EQ(xap.Pending(),
             (std::vector<XapQueuedMessage>{{"", "Computer.Process", "Computer.Query", "Query\001All"}}));
@@ -149,51 +139,12 @@ TEST_F(LanScanTest, QueryLanAsksEveryAgentThenSweepsUntilStoppedOrDoneWritingLog
   EXPECT_TRUE(Arp().empty() && !scan.ARPTimerEnabled() && !scan.ProcessExists());
   const Texts invalid{"event|tavrel|BuildARPTable|5|Invalid subnet 10.1",
                       "event|tavrel|BuildARPTable|5|Invalid subnet a.b.c"};
-  EXPECT_EQ(Reports(), (Texts{invalid[0], invalid[1], invalid[0], invalid[1]}));
+  EXPECT_EQ(reporter.Take(), (Texts{invalid[0], invalid[1], invalid[0], invalid[1]}));
 }
 
-// A stand-in for CMD.EXE that knows what the sweep's batch files use: "for /l %%v in (first,step,last) do
-// COMMAND", "COMMAND > FILE", a batch file called with arguments (%1, %2), "ping" (silent) and "arp -a IP",
-// which prints the entry of a host of its own small network. Paths are written with "\".
-struct StandInCmd {
-  std::map<std::string, std::string> hosts;  // IP -> MAC
-  int pings = 0;
-
-  std::string Run(std::string line, const Texts& args) {
-    for (size_t k = 0; k < args.size(); ++k) line = Replace(line, "%" + std::to_string(k + 1), args[k]);
-    if (line.starts_with("for /l %%")) {
-      const std::string var = line.substr(7, 3);
-      const size_t open = line.find('('), close = line.find(')'), body = line.find(" do ") + 4;
-      const Texts range = Split(line.substr(open + 1, close - open - 1), ",");
-      std::string out;
-      for (int v = std::stoi(range[0]); v <= std::stoi(range[2]); v += std::stoi(range[1]))
-        out += Run(Replace(line.substr(body), var, std::to_string(v)), args);
-      return out;
-    }
-    if (size_t to = line.find(" > "); to != std::string::npos) {
-      test::WriteFile(Path(line.substr(to + 3)), Run(line.substr(0, to), args));
-      return {};
-    }
-    const Texts words = Split(line, " ");
-    if (words[0] == "ping") return ++pings, std::string();
-    if (words[0] == "arp") {
-      auto host = hosts.find(words.at(2));
-      return host == hosts.end() ? "No ARP Entries Found.\r\n"
-                                 : "  " + host->first + "   " + host->second + "     dynamic\r\n";
-    }
-    std::string out;
-    for (const std::string& batchLine : Split(test::ReadFile(Path(words[0])), "\r\n"))
-      if (!batchLine.empty()) out += Run(batchLine, Texts(words.begin() + 1, words.end()));
-    return out;
-  }
-  static fs::path Path(std::string windowsPath) {
-    std::replace(windowsPath.begin(), windowsPath.end(), '\\', '/');
-    return windowsPath;
-  }
-};
-
-// The batch sweep under the stand-in. The home is "hm/home" below the test's folder, so the drive's Temp
-// folder is "hm/Temp" there. Each interpreter started runs until its "release<i>" file appears.
+// The batch sweep with the interpreter stood in for: each start writes the log "arp -a" would give for its
+// subnet (from logs, by list number) and leaves a process running until its "release<i>" file appears. The
+// home is "hm/home" below the test's folder, so the drive's Temp folder is "hm/Temp" there.
 class BatchSweepTest : public LanScanTest {
  protected:
   BatchSweepTest() {
@@ -204,15 +155,15 @@ class BatchSweepTest : public LanScanTest {
     for (const char* release : {"release0", "release2"}) test::WriteFile(home.Path() / release, "");
     fs::current_path(cwd);
   }
-  // Records the command line and the logs present when it starts, runs it, and leaves a process running.
+  // Records the command line and the logs present when it starts.
   platform::Process Start(const std::string& commandLine) {
-    std::string logs;
+    std::string present;
     for (const char* log : {"p0.log", "p1.log", "p2.log"})
-      if (fs::exists(fs::path("hm/Temp") / log)) logs += std::string(" ") + log;
-    started.push_back(commandLine + " |" + logs);
-    cmd.Run(commandLine, {});
-    const std::string release = "release" + commandLine.substr(commandLine.size() - 5, 1);
-    return platform::Process::StartCommand(WaitForFileCommand(home.Path(), home.Path() / release));
+      if (fs::exists(fs::path("hm/Temp") / log)) present += std::string(" ") + log;
+    started.push_back(commandLine + " |" + present);
+    const std::string i = commandLine.substr(commandLine.size() - 5, 1);
+    test::WriteFile(fs::path("hm/Temp") / ("p" + i + ".log"), logs[std::stoi(i)]);
+    return platform::Process::StartCommand(WaitForFileCommand(home.Path(), home.Path() / ("release" + i)));
   }
   std::unique_ptr<LanScan> Scan(bool cmdThere) {
     return std::make_unique<LanScan>(
@@ -222,7 +173,7 @@ class BatchSweepTest : public LanScanTest {
 
   const fs::path cwd = fs::current_path();
   const std::string temp = fs::path("hm/Temp").make_preferred().string();
-  StandInCmd cmd;
+  std::map<int, std::string> logs;
   Texts started;
 };
 
@@ -238,12 +189,11 @@ TEST_F(BatchSweepTest, ScanMethodPicksTheSweepAndLogsAFallback) {
       {true, "fast", true, {"log|tavrel|ScanMethod fast unknown, using batch|0|"}}};
   for (const auto& [cmdThere, method, batch, reports] : cases) {
     SetWol("ScanMethod", method);
-    reporter.calls.clear();
     started.clear();
     auto scanner = Scan(cmdThere);
     scanner->BuildARPTable();
     EXPECT_EQ(started.size(), batch ? 1u : 0u) << method << cmdThere;
-    EXPECT_EQ(Reports(), reports) << method << cmdThere;
+    EXPECT_EQ(reporter.Take(), reports) << method << cmdThere;
   }
 }
 
@@ -252,22 +202,21 @@ TEST_F(BatchSweepTest, ScanMethodPicksTheSweepAndLogsAFallback) {
 // read like those of the native sweep.
 TEST_F(BatchSweepTest, WritesAndStartsEveryValidSubnetAndReadsOnceTheLastInterpreterHasEnded) {
   SetWol("Subnet", "198.51.100, 1.2.3&calc ,203.0.113");
-  cmd.hosts = {{"198.51.100.7", "00-11-22-33-44-55"}, {"203.0.113.254", "02-aa-bb-cc-dd-fe"}};
+  logs = {{0, "  198.51.100.7          00-11-22-33-44-55     dynamic\r\n"},
+          {2, "  203.0.113.254         02-aa-bb-cc-dd-fe     dynamic\r\n"}};
   auto batch = Scan(true);
   batch->BuildARPTable();
   EXPECT_EQ(started, (Texts{temp + "\\p30.bat |", temp + "\\p32.bat | p0.log"}));
   for (const auto& [i, subnet] : {std::pair{0, "198.51.100"}, std::pair{2, "203.0.113"}}) {
     const BatchFiles files = MakeBatchFiles(i, subnet, temp);
-    const fs::path folder("hm/Temp");
-    const std::string n = std::to_string(i);
-    EXPECT_EQ(test::ReadFile(folder / ("p" + n + ".bat")) + test::ReadFile(folder / ("p2" + n + ".bat")) +
-                  test::ReadFile(folder / ("p3" + n + ".bat")),
-              files.p + files.p2 + files.p3);
+    std::string written;
+    for (const char* kind : {"p", "p2", "p3"})
+      written += test::ReadFile("hm/Temp/" + (kind + std::to_string(i)) + ".bat");
+    EXPECT_EQ(written, files.p + files.p2 + files.p3);
   }
   EXPECT_FALSE(fs::exists("hm/Temp/p1.bat") || fs::exists("hm/Temp/p21.bat") ||
                fs::exists("hm/Temp/p31.bat"));
-  EXPECT_EQ(cmd.pings, 2 * 254);
-  EXPECT_EQ(Reports(), Texts{"event|tavrel|BuildARPTable|5|Invalid subnet  1.2.3&calc "});
+  EXPECT_EQ(reporter.Take(), Texts{"event|tavrel|BuildARPTable|5|Invalid subnet  1.2.3&calc "});
 
   batch->ARPTimer_Timer();
   EXPECT_TRUE(Arp().empty() && batch->ARPTimerEnabled());

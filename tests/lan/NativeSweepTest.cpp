@@ -183,14 +183,6 @@ class SweepTest : public ::testing::Test {
     EXPECT_FALSE(sweep.Running());
     return result;
   }
-  // The reports so far as "event|module|text|description" (or "log|..."), then forgets them.
-  std::vector<std::string> Reports() {
-    std::vector<std::string> texts;
-    for (const auto& c : reporter.calls)
-      texts.push_back((c.event ? "event|" : "log|") + c.module + "|" + c.text + "|" + c.err.Description);
-    reporter.calls.clear();
-    return texts;
-  }
   asio::io_context io;
   test::ManualTimers timers;
   test::RecordingReporter reporter;
@@ -211,7 +203,7 @@ TEST_F(SweepTest, ProbesEachListedSubnetThenTheSilentAgainAndGivesResultsPerSubn
   EXPECT_EQ(probe->rounds[1], all);
   std::vector<ArpEntry> found{{"198.51.100.3", "02-00-00-00-00-01"}, {"198.51.100.200", "02-00-c6-33-64-07"}};
   EXPECT_EQ(result, (Result{found, {}, {{"203.0.113.9", "02-00-c6-33-64-07"}}, found}));
-  EXPECT_TRUE(Reports().empty());
+  EXPECT_TRUE(reporter.Take().empty());
 }
 
 TEST_F(SweepTest, CancelledSweepsStaySilentAndFailuresOrAThrowingDoneAreReportedNeverThrown) {
@@ -223,15 +215,15 @@ TEST_F(SweepTest, CancelledSweepsStaySilentAndFailuresOrAThrowingDoneAreReported
   EXPECT_FALSE(sweep.Running());
   sweep.Start({"198.51.100"}, old);
   EXPECT_EQ(Sweep(sweep, {"203.0.113"}, true), Result{{}});  // replaces the one just started
-  EXPECT_EQ(Reports(), std::vector<std::string>{"event|tavrel|BuildARPTable|disk full"});
+  EXPECT_EQ(reporter.Take(), std::vector<std::string>{"event|tavrel|BuildARPTable|5|disk full"});
   EXPECT_EQ(Sweep(Make(false), {"198.51.100", "203.0.113"}),
             (Result{{}, {}}));  // the caller still hears the end
-  std::string prefix = "event|tavrel|BuildARPTable|native sweep: ";
-  EXPECT_EQ(Reports(), std::vector{prefix + make_error_code(std::errc::permission_denied).message()});
+  std::string prefix = "event|tavrel|BuildARPTable|5|native sweep: ";
+  EXPECT_EQ(reporter.Take(), std::vector{prefix + make_error_code(std::errc::permission_denied).message()});
   probe->failures = 3;
   EXPECT_EQ(Sweep(sweep, {"198.51.100"}), Result{{}});
-  EXPECT_EQ(Reports(), std::vector{prefix + "3 probes not sent (" +
-                                   make_error_code(std::errc::no_buffer_space).message() + ")"});
+  EXPECT_EQ(reporter.Take(), std::vector{prefix + "3 probes not sent (" +
+                                         make_error_code(std::errc::no_buffer_space).message() + ")"});
 }
 
 }  // namespace

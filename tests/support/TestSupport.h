@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "core/Reporter.h"
@@ -41,6 +42,14 @@ class RecordingReporter : public Reporter {
   }
   void ReportEvent(std::string_view module, std::string_view text, const Err& err) override {
     calls.push_back({true, std::string(module), std::string(text), err});
+  }
+  // Each call as "event|" or "log|", then "module|text|number|description"; forgets them.
+  std::vector<std::string> Take() {
+    std::vector<std::string> texts;
+    for (const auto& c : std::exchange(calls, {}))
+      texts.push_back((c.event ? "event|" : "log|") + c.module + "|" + c.text + "|" +
+                      std::to_string(c.err.Number) + "|" + c.err.Description);
+    return texts;
   }
   std::vector<Call> calls;
 };

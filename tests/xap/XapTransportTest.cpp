@@ -159,9 +159,9 @@ TEST_F(NodeRulesTest, SendSkipsBodyPiecesWithoutASeparatorBarsBecomeLineFeedsAnd
   EXPECT_EQ(Logged(), "SendXap |10065\nSendHeartbeat|10065\n");
 }
 
-// The sockets: the xAP port taken (a hub holds it), the node listens on a port of its own on 127.0.0.1
-// only, takes datagrams sent there, and sends to the broadcast target.
-TEST(XapTransportTest, BindsAFallbackPortOnLoopbackOnlyReceivesAndSends) {
+// The hub-side socket binds 127.0.0.1 alone (another loopback address can take the same port); what it
+// receives and sends is tested end to end.
+TEST(XapTransportTest, BindsAFallbackPortOnLoopbackOnly) {
   asio::io_context io;
   test::RecordingReporter log;
   LoopTimers timers(io);
@@ -169,36 +169,18 @@ TEST(XapTransportTest, BindsAFallbackPortOnLoopbackOnlyReceivesAndSends) {
   XapTransport xap(io, log, timers);
   xap.SetBroadcastAddress("127.0.0.1");
   xap.SetPort(hub.local_endpoint().port());
-  int callbacks = 0;
-  xap.RegisterNewMessageCallback([&] { ++callbacks; });
   const long port = xap.Init();
   ASSERT_GE(port, XapTransport::kFirstFallbackPort);
 #ifndef _WIN32
-  // Another loopback address can take the same port: ours is bound to 127.0.0.1 alone.
   std::error_code ec;
   asio::ip::udp::socket other(io, asio::ip::udp::v4());
   other.bind({asio::ip::make_address_v4("127.0.0.2"), static_cast<unsigned short>(port)}, ec);
   EXPECT_FALSE(ec) << ec.message();
 #endif
-  hub.send_to(asio::buffer("xap-header\n1"s),
-              {asio::ip::address_v4::loopback(), static_cast<unsigned short>(port)});
-  xap.SendHeartbeat(60);
-  std::vector<char> buffer(2048);
-  std::string heard;
-  for (auto end = std::chrono::steady_clock::now() + 5s;
-       (callbacks == 0 || heard.empty()) && std::chrono::steady_clock::now() < end;) {
-    io.run_for(10ms);
-    if (hub.available() > 0) heard.assign(buffer.data(), hub.receive(asio::buffer(buffer)));
-  }
-  EXPECT_EQ(callbacks, 1);
-  EXPECT_EQ(xap.GetMessage(), "xap-header\n1");
-  EXPECT_EQ(heard.substr(0, 10), "xap-hbeat\n");
-  EXPECT_NE(heard.find("\nport=" + std::to_string(port) + "\n"), std::string::npos);
   xap.Close();
   xap.Send("", "C", "B", "");
-  std::string logged;
-  for (const auto& c : log.calls) logged += c.text + "|" + std::to_string(c.err.Number) + "\n";
-  EXPECT_EQ(logged, "SendXap |40006\n");
+  ASSERT_EQ(log.calls.size(), 1u);
+  EXPECT_EQ(log.calls[0].text + "|" + std::to_string(log.calls[0].err.Number), "SendXap |40006");
 }
 
 }  // namespace
