@@ -1,7 +1,6 @@
 // The real program's web server over raw TCP: whole answers, byte for byte.
 #include <fcntl.h>
 #include <net/if.h>
-#include <netinet/tcp.h>
 #include <sched.h>
 #include <sys/ioctl.h>
 
@@ -184,7 +183,7 @@ TEST_F(HttpTest, StaticFilesPagesRedirectsAndNotFound) {
       {"/%2E%2E%2FConfig%2Ftavrel.ini", Resubmit("/../Config/tavrel.ini")},
       {"/../secret.css", kNotFoundPage},
       {"/%2E%2E/secret.gif", kNotFoundImage},
-      {"/HTML%5C..%5C..%5Csecret.css", kNotFoundPage},
+      {"/.%2E%5Csecret.css", kNotFoundPage},
   };
   for (const auto& c : cases) EXPECT_EQ(Masked(Ask(Get(c.target))), c.expected) << c.target;
 }
@@ -207,8 +206,8 @@ TEST_F(HttpTest, PostInTwoPacketsRenamesAComputer) {
   close(fd);
   // The new name is written at once; the old line stays until the section is next rewritten.
   EXPECT_EQ(node_->Ini(),
-            "[ARP]\n127.0.0.1=\n127.0.0.2=00-11-22-33-44-02\n127.0.0.3=00-11-22-33-44-03\n127.0.0.4=00-11-22-"
-            "33-44-04\n"
+            "[ARP]\n127.0.0.1=\n"  // this machine, no adapter but loopback in the namespace
+            "127.0.0.2=00-11-22-33-44-02\n127.0.0.3=00-11-22-33-44-03\n127.0.0.4=00-11-22-33-44-04\n"
             "[COMPUTER]\nALPHA=127.0.0.2\nBETA=127.0.0.3\nGAMMA=127.0.0.3\n"
             "[WOL]\nHSADDRESS=127.0.0.9\nHSWEBPORT=8081\nHTTPPORT=8080\nSUBNET=127.0.0\n");
 }
