@@ -1,142 +1,16 @@
 // The real program on loopback: what it sends and answers, byte for byte.
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <poll.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/socket.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <atomic>
-#include <chrono>
-#include <functional>
 #include <regex>
 #include <set>
-#include <stdexcept>
-#include <string>
-#include <thread>
 
 #include <gtest/gtest.h>
 
-#include "TestSupport.h"
-
-extern char** environ;
+#include "Node.h"
 
 namespace tavrel::test {
 namespace {
 
 using namespace std::string_literals;
-using namespace std::chrono_literals;
-using std::chrono::steady_clock;
-
-// A UDP socket on 127.0.0.1 standing in for an xAP hub: it holds the node's xAP port, so the node binds
-// a port of its own and every datagram the node broadcasts (to 127.0.0.1) arrives here.
-class Hub {
- public:
-  Hub() {
-    fd_ = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    sockaddr_in addr = Loopback(0);
-    if (fd_ < 0 || bind(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
-      throw std::runtime_error("hub socket");
-    }
-    // Room for a whole burst of answers (root may go past the system's cap).
-    int room = 16 << 20;
-    if (setsockopt(fd_, SOL_SOCKET, SO_RCVBUFFORCE, &room, sizeof room) != 0) {
-      setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &room, sizeof room);
-    }
-    socklen_t len = sizeof addr;
-    getsockname(fd_, reinterpret_cast<sockaddr*>(&addr), &len);
-    port_ = ntohs(addr.sin_port);
-  }
-  ~Hub() { close(fd_); }
-
-  int Port() const { return port_; }
-  // The next datagram, or "" when none arrives before the deadline.
-  std::string Receive(std::chrono::milliseconds deadline = 5s) {
-    pollfd p{fd_, POLLIN, 0};
-    if (poll(&p, 1, static_cast<int>(deadline.count())) <= 0) return {};
-    std::string buf(65536, '\0');
-    ssize_t n = recv(fd_, buf.data(), buf.size(), 0);
-    return n > 0 ? buf.substr(0, static_cast<size_t>(n)) : std::string();
-  }
-  // Datagrams until one satisfies pred (returned), skipping the others; "" at the deadline.
-  std::string ReceiveUntil(const std::function<bool(const std::string&)>& pred) {
-    auto end = steady_clock::now() + 5s;
-    for (auto now = steady_clock::now(); now < end; now = steady_clock::now()) {
-      std::string text = Receive(std::chrono::duration_cast<std::chrono::milliseconds>(end - now));
-      if (!text.empty() && pred(text)) return text;
-    }
-    return {};
-  }
-  void SendTo(int port, const std::string& text) {
-    sockaddr_in to = Loopback(port);
-    sendto(fd_, text.data(), text.size(), 0, reinterpret_cast<sockaddr*>(&to), sizeof to);
-  }
-
-  static sockaddr_in Loopback(int port) {
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_port = htons(static_cast<uint16_t>(port));
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return a;
-  }
-
- private:
-  int fd_ = -1;
-  int port_ = 0;
-};
-
-// The real program started with a temporary home whose zelXap.ini keeps it on loopback.
-class Node {
- public:
-  Node(int xapPort, const std::string& tavrelIni = "", const std::string& extraInterfaceLines = "") {
-    WriteFile(Home() / "Config" / "zelXap.ini", "[Interface]\nBroadcastAddress=127.0.0.1\nPort=" +
-                                                    std::to_string(xapPort) + "\n" + extraInterfaceLines);
-    if (!tavrelIni.empty()) WriteFile(Home() / "Config" / "tavrel.ini", tavrelIni);
-  }
-  ~Node() {
-    if (pid_ > 0) {
-      kill(pid_, SIGKILL);
-      waitpid(pid_, nullptr, 0);
-    }
-  }
-
-  void Start() {
-    std::string home = Home().string();
-    const char* argv[] = {TAVREL_BINARY, "--home", home.c_str(), "--no-tray", nullptr};
-    if (posix_spawn(&pid_, TAVREL_BINARY, nullptr, nullptr, const_cast<char**>(argv), environ) != 0) {
-      throw std::runtime_error("cannot start the program");
-    }
-  }
-  void Signal(int sig) { kill(pid_, sig); }
-  // The program's resident memory in KiB, from /proc.
-  long RssKiB() const {
-    std::string status = ReadFile("/proc/" + std::to_string(pid_) + "/status");
-    size_t at = status.find("VmRSS:");
-    return at == std::string::npos ? -1 : std::atol(status.c_str() + at + 6);
-  }
-  // The program's exit code, or -1 when it did not end within the deadline (it is then killed).
-  int WaitExit() {
-    auto end = steady_clock::now() + 10s;
-    int status = 0;
-    while (steady_clock::now() < end) {
-      if (waitpid(pid_, &status, WNOHANG) == pid_) {
-        pid_ = -1;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-      }
-      std::this_thread::sleep_for(10ms);
-    }
-    return -1;
-  }
-
-  const std::filesystem::path& Home() const { return home_.Path(); }
-  std::string Ini() const { return ReadFile(Home() / "Config" / "tavrel.ini"); }
-
- private:
-  TempDir home_;
-  pid_t pid_ = -1;
-};
 
 // This node's source address: "zel.WOL." and the host name up to its first ".".
 std::string NodeSource() {

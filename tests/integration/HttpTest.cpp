@@ -1,0 +1,241 @@
+// The real program's web server over raw TCP: whole answers, byte for byte.
+#include <fcntl.h>
+#include <net/if.h>
+#include <sched.h>
+#include <sys/ioctl.h>
+
+#include <algorithm>
+#include <memory>
+#include <regex>
+
+#include <gtest/gtest.h>
+
+#include "Node.h"
+#include "Version.h"
+
+namespace tavrel::test {
+namespace {
+
+using namespace std::string_literals;
+
+// The listener binds every address of its machine, so the test keeps it (and the program's clients) in a
+// network namespace of its own that has loopback only, under a fixed host name.
+class PrivateNet {
+ public:
+  PrivateNet() : net_(open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC)) {
+    uts_ = open("/proc/thread-self/ns/uts", O_RDONLY | O_CLOEXEC);
+    if (net_ < 0 || uts_ < 0 || unshare(CLONE_NEWNET | CLONE_NEWUTS) != 0) return;
+    entered_ = true;
+    sethostname(kHost, sizeof kHost - 1);
+    int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    ifreq lo{};
+    std::snprintf(lo.ifr_name, IFNAMSIZ, "lo");
+    ioctl(fd, SIOCGIFFLAGS, &lo);
+    lo.ifr_flags = static_cast<short>(lo.ifr_flags | IFF_UP);
+    up_ = ioctl(fd, SIOCSIFFLAGS, &lo) == 0;
+    close(fd);
+  }
+  ~PrivateNet() {
+    if (entered_) setns(net_, CLONE_NEWNET), setns(uts_, CLONE_NEWUTS);
+    close(net_);
+    close(uts_);
+  }
+  bool Ready() const { return entered_ && up_; }
+  static constexpr char kHost[] = "tavrelhost";
+
+ private:
+  int net_, uts_;
+  bool entered_ = false, up_ = false;
+};
+
+constexpr int kPort = 8080;  // free: nothing else lives in the namespace
+const std::string kIni =
+    "[WOL]\r\nHTTPPort=8080\r\nHSAddress=127.0.0.9\r\nHSWebPort=8081\r\n[Computer]\r\nalpha=127.0.0.2\r\n"
+    "beta=127.0.0.3\r\n[ARP]\r\n127.0.0.2=00-11-22-33-44-02\r\n127.0.0.3=00-11-22-33-44-03\r\n"
+    "127.0.0.4=00-11-22-33-44-04\r\n";
+
+int Connect() {
+  int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in to = Hub::Loopback(kPort);
+  if (connect(fd, reinterpret_cast<sockaddr*>(&to), sizeof to) == 0) return fd;
+  close(fd);
+  return -1;
+}
+void Send(int fd, const std::string& bytes) {
+  ASSERT_EQ(send(fd, bytes.data(), bytes.size(), 0), ssize_t(bytes.size()));
+}
+// Everything the server sends until it closes; what came so far at the deadline.
+std::string ReadToClose(int fd, std::chrono::milliseconds deadline = 5s) {
+  std::string got;
+  char buf[4096];
+  for (auto end = steady_clock::now() + deadline; steady_clock::now() < end;) {
+    pollfd p{fd, POLLIN, 0};
+    if (poll(&p, 1, 50) <= 0) continue;
+    ssize_t n = recv(fd, buf, sizeof buf, 0);
+    if (n <= 0) break;
+    got.append(buf, static_cast<size_t>(n));
+  }
+  return got;
+}
+// One request on a fresh connection and its whole answer.
+std::string Ask(const std::string& request) {
+  int fd = Connect();
+  if (fd < 0) return {};
+  Send(fd, request);
+  std::string answer = ReadToClose(fd);
+  close(fd);
+  return answer;
+}
+std::string Get(const std::string& target) {
+  return "GET " + target + " HTTP/1.1\r\nHost: 127.0.0.1:8080\r\nUser-Agent: itest\r\n\r\n";
+}
+
+// The parts of an answer that depend on the clock: dates and file times are masked; the page's ages are
+// taken out (Content-Length with them), giving the page as it is in the program's first second.
+std::string Masked(const std::string& text) {
+  static const std::regex date("(\r\nDate: ?)\\d{2}-[A-Z][a-z]{2}-\\d{2}\r\n");
+  static const std::regex stamp("(\r\nLast-Modified:? )\\d{4}-\\d{2}-\\d{2} \\d{2}:\\d{2}:\\d{2}\r\n");
+  static const std::regex age("(\\.gif'>&nbsp;) \\d+:\\d{2}:\\d{2}</td>");
+  std::string out = std::regex_replace(text, date, "$1@DATE@\r\n", std::regex_constants::format_first_only);
+  out = std::regex_replace(out, stamp, "$1@TIME@\r\n", std::regex_constants::format_first_only);
+  const std::string aged = out;
+  out = std::regex_replace(out, age, "$1</td>");
+  std::smatch length;
+  if (out.size() < aged.size() &&
+      std::regex_search(out, length, std::regex("\r\nContent-Length: (\\d+)\r\n"))) {
+    out.replace(static_cast<size_t>(length.position(1)), static_cast<size_t>(length.length(1)),
+                std::to_string(std::stoul(length[1]) - (aged.size() - out.size())));
+  }
+  return out;
+}
+std::string Golden(const std::string& name) {
+  std::string text = ReadFile(std::filesystem::path(TAVREL_INTEGRATION_GOLDEN) / name);
+  const std::string version = std::to_string(kVersionMajor) + "." + std::to_string(kVersionMinor) + "." +
+                              std::to_string(kVersionRevision);
+  return std::regex_replace(text, std::regex("@VERSION@"), version);
+}
+
+class HttpTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (!net_.Ready()) GTEST_SKIP() << "needs root: the program's listener is kept in a network namespace";
+    hub_ = std::make_unique<Hub>();
+    node_ = std::make_unique<Node>(hub_->Port(), kIni);
+    WriteFile(node_->Home() / "secret.css", "SECRET");
+    WriteFile(node_->Home() / "secret.gif", "SECRET");
+    node_->Start(true);
+    // Served once: the listener is up and the probe's socket is free again.
+    ASSERT_TRUE(WaitFor([] { return !Ask(Get("/probe.gif")).empty(); })) << "the server never answered";
+  }
+  std::string Html(const std::string& name) const { return ReadFile(node_->Home() / "HTML" / name); }
+  std::string ServerLog() const { return ReadFile(node_->Home() / "Data" / "tavrel" / "server.log"); }
+
+  PrivateNet net_;
+  std::unique_ptr<Hub> hub_;
+  std::unique_ptr<Node> node_;
+};
+
+const std::string kNotFoundImage = "HTTP/1.1 404 Not Found\r\nServer: zel\r\nDate:@DATE@\r\n\r\n";
+const std::string kNotFoundPage =
+    "HTTP/1.1 200 Object Not Found\r\nServer: zel\r\nDate: @DATE@\r\nConnection: Close\r\nContent-Type: "
+    "text/html\r\nContent-Length: 40\r\n\r\n<html><h1>404 File Not Found</h1></html>";
+std::string Resubmit(const std::string& page, const std::string& inputs = "") {
+  const std::string location = "http://127.0.0.9:8081" + page;
+  const std::string body =
+      "<HTML><HEAD><SCRIPT LANGUAGE=\"JavaScript\">function initialize() {document.redo.submit();}</script>"
+      "</HEAD><body onLoad='initialize()'><form name='redo' action='" +
+      location + "' method='GET'>" + inputs + "</form></HTML>";
+  return "HTTP/1.0 200 OK\r\nServer: zel\r\nDate: @DATE@\r\nConnection: close\r\nContent-Type: "
+         "text/html\r\nLocation: " +
+         location + "\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
+}
+
+TEST_F(HttpTest, StaticFilesPagesRedirectsAndNotFound) {
+  const std::string gif = Html("led-Red.gif");
+  ASSERT_EQ(gif.substr(0, 10), "GIF89a\x0D\x00\x0D\x00"s);  // 13 x 13, as written on first start
+  const std::string css = Html("StyleNoBody.css");
+  ASSERT_FALSE(css.empty());
+  const std::string gifAnswer =
+      "HTTP/1.1 200 OK\r\nServer: zel\r\nDate:@DATE@\r\nLast-Modified: @TIME@\r\n"
+      "Accept-Ranges: bytes\r\nContent-Length: " +
+      std::to_string(gif.size()) + "\r\nConnection: Close\r\nContent-Type: image/gif\r\n\r\n" + gif +
+      std::string(1000 - gif.size(), '\0');  // the last piece is padded
+  const std::string cssAnswer =
+      "HTTP/1.0 200 OK\r\nServer: zel\r\nDate: @DATE@\r\nAccept-Ranges: bytes\r\n"
+      "Content-Type: text/html\r\nLast-Modified @TIME@\r\nContent-Length: " +
+      std::to_string(css.size()) + "\r\n\r\n" + css;
+  const std::string page = Golden("wol.http");
+  const struct {
+    std::string target, expected;
+  } cases[] = {
+      {"/led-Red.gif", gifAnswer},
+      {"/LED-RED.GIF", gifAnswer},  // pages are looked up without regard to case
+      {"/StyleNoBody.css", cssAnswer},
+      {"/missing.gif", kNotFoundImage},
+      {"/missing.css", kNotFoundPage},
+      {"/wol", page},
+      {"/WOL", page},
+      {"/wol/", Resubmit("/wol/")},
+      {"/index.html?a=1&b=c+d", Resubmit("/index.html",
+                                         "<input type='hidden' name='a' value='1'>"
+                                         "<input type='hidden' name='b' value='c d'>")},
+      {"/../Config/tavrel.ini", Resubmit("/../Config/tavrel.ini")},
+      {"/%2E%2E%2FConfig%2Ftavrel.ini", Resubmit("/../Config/tavrel.ini")},
+      {"/../secret.css", kNotFoundPage},
+      {"/%2E%2E/secret.gif", kNotFoundImage},
+      {"/.%2E%5Csecret.css", kNotFoundPage},
+  };
+  for (const auto& c : cases) EXPECT_EQ(Masked(Ask(Get(c.target))), c.expected) << c.target;
+}
+
+TEST_F(HttpTest, PostInTwoPacketsRenamesAComputer) {
+  ASSERT_EQ(Masked(Ask(Get("/wol"))), Golden("wol.http"));  // the rows the post refers to
+  const std::string body =
+      "clientinput=yes&subnet=127.0.0&Name0=tavrelhost&Name1=alpha&Name2=gamma&Save=Save+Changes";
+  int fd = Connect();
+  ASSERT_GE(fd, 0);
+  Send(fd,
+       "POST /wol HTTP/1.1\r\nHost: 127.0.0.1:8080\r\nContent-Type: application/x-www-form-urlencoded\r\n"
+       "Content-Length: " +
+           std::to_string(body.size()) + "\r\n\r\n");
+  // The body follows once the header is read, within the server's 50 ms batching delay.
+  ASSERT_TRUE(WaitFor([&] { return ServerLog().find("with data POST /wol") != std::string::npos; }, 5s));
+  Send(fd, body);
+  // Joined: the page comes back with beta renamed (upper case, not seen yet).
+  EXPECT_EQ(Masked(ReadToClose(fd)), Golden("renamed.http"));
+  close(fd);
+  // The new name is written at once; the old line stays until the section is next rewritten.
+  EXPECT_EQ(node_->Ini(),
+            "[ARP]\n127.0.0.1=\n"  // this machine, no adapter but loopback in the namespace
+            "127.0.0.2=00-11-22-33-44-02\n127.0.0.3=00-11-22-33-44-03\n127.0.0.4=00-11-22-33-44-04\n"
+            "[COMPUTER]\nALPHA=127.0.0.2\nBETA=127.0.0.3\nGAMMA=127.0.0.3\n"
+            "[WOL]\nHSADDRESS=127.0.0.9\nHSWEBPORT=8081\nHTTPPORT=8080\nSUBNET=127.0.0\n");
+}
+
+TEST_F(HttpTest, PastOneHundredConnectionsTheRestAreTurnedAwayAndTheHeldOnesServed) {
+  std::vector<int> held;
+  for (int i = 0; i < 120; ++i) held.push_back(Connect());
+  ASSERT_EQ(std::count(held.begin(), held.end(), -1), 0);
+  // Turned away: closed by the server without an answer.
+  auto closed = [&] {
+    return std::count_if(held.begin(), held.end(), [](int fd) {
+      pollfd p{fd, POLLIN, 0};
+      char c;
+      return poll(&p, 1, 0) == 1 && recv(fd, &c, 1, MSG_PEEK | MSG_DONTWAIT) <= 0;
+    });
+  };
+  EXPECT_TRUE(WaitFor([&] { return closed() == 20; })) << closed();
+  auto open = std::find_if(held.begin(), held.end(), [](int fd) {
+    pollfd p{fd, POLLIN, 0};
+    return poll(&p, 1, 0) == 0;
+  });
+  ASSERT_NE(open, held.end());
+  Send(*open, Get("/missing.gif"));
+  EXPECT_EQ(Masked(ReadToClose(*open)), kNotFoundImage);
+  for (int fd : held) close(fd);
+  // Once they are let go, a newcomer is served again.
+  EXPECT_TRUE(WaitFor([] { return Masked(Ask(Get("/missing.gif"))) == kNotFoundImage; }));
+}
+
+}  // namespace
+}  // namespace tavrel::test
