@@ -174,7 +174,7 @@ TEST_F(NodeTest, BurstIsAnsweredWholeAndAStreamNeitherDelaysASignalNorGrowsMemor
   };
   std::thread first(sender), second(sender);
   std::this_thread::sleep_for(1s);
-  const long rss = node.RssKiB();
+  [[maybe_unused]] const long rss = node.RssKiB();
   const auto asked = steady_clock::now();
   node.Signal(SIGTERM);
   const int code = node.WaitExit();
