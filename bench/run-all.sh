@@ -6,7 +6,7 @@ root="$(cd "$(dirname "$0")/.." && pwd)"
 build="$root/build/bench"
 
 echo "== micro-benchmarks (ours beside a plain reference in the same program)"
-for b in bench_ini bench_xap bench_handler; do
+for b in bench_ini bench_xap bench_handler bench_page; do
   "$build/bench/$b" --benchmark_min_time=0.3 2>/dev/null | grep -E '^[A-Za-z]'
 done
 
@@ -16,6 +16,7 @@ echo "== the node over loopback"
 echo "== the node under load, each in a network namespace of its own"
 bash "$root/bench/stream.sh" "$build/tavrel"
 bash "$root/bench/senders.sh" "$build/tavrel"
+bash "$root/bench/http.sh" "$build/tavrel"
 if [ "$(id -u)" -eq 0 ]; then
   bash "$root/bench/scan-store.sh" "$build/tavrel"
 else

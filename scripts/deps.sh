@@ -9,7 +9,7 @@ build=(cmake ninja-build g++ pkg-config libasio-dev libsystemd-dev)
 test=("${build[@]}" libgtest-dev libgmock-dev googletest clang clang-format libclang-rt-14-dev
       g++-mingw-w64-x86-64-posix mingw-w64-tools wine wine64 xvfb xauth
       iproute2 wakeonlan python3 util-linux chromium)
-bench=("${test[@]}" libbenchmark-dev arp-scan nmap wrk hyperfine)
+bench=("${test[@]}" libbenchmark-dev arp-scan nmap wrk hyperfine nginx-light curl)
 
 case "${1:-test}" in
   build) want=("${build[@]}") ;;
