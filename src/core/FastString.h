@@ -2,30 +2,33 @@
 
 #include <string>
 #include <string_view>
-#include <vector>
+#include <utility>
 
 namespace tavrel {
 
-// A growing text buffer kept as a list of parts: appends are cheap, ToString joins once.
-// Room for parts grows 100 at a time.
+// A growing text buffer for page and message text: appends go into one buffer that grows by doubling,
+// so building a page of thousands of pieces costs no allocation per piece and ToString copies once.
 class FastString {
  public:
-  static constexpr size_t kGrowth = 100;
+  FastString() { text_.reserve(kInitialRoom); }
 
-  FastString() { parts_.reserve(kGrowth); }
-
-  void Append(std::string_view text);
-  std::string ToString() const;
+  void Append(std::string_view text) { text_.append(text); }
+  std::string ToString() const& { return text_; }
+  // The text, moved out of a buffer that is done with.
+  std::string ToString() && { return std::move(text_); }
+  // Room for at least length bytes in all, so a long page grows once.
+  void Reserve(size_t length) { text_.reserve(length); }
   // Empties the buffer and starts as new.
-  void Reset();
-
-  size_t PartCount() const { return parts_.size(); }
-  size_t Capacity() const { return parts_.capacity(); }
-  size_t Length() const { return length_; }
+  void Reset() {
+    text_.clear();
+    text_.shrink_to_fit();
+    text_.reserve(kInitialRoom);
+  }
+  size_t Length() const { return text_.size(); }
 
  private:
-  std::vector<std::string> parts_;
-  size_t length_ = 0;
+  static constexpr size_t kInitialRoom = 4096;
+  std::string text_;
 };
 
 }  // namespace tavrel

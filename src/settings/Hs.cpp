@@ -10,6 +10,47 @@ namespace fs = std::filesystem;
 
 namespace tavrel {
 
+// A file read once, with the reports its reading made counted; the reporter forwards to the program's.
+struct Hs::Loaded {
+  struct Counting final : Reporter {
+    explicit Counting(Reporter& target) : target(target) {}
+    using Reporter::ReportEvent;
+    using Reporter::WriteLog;
+    void WriteLog(std::string_view module, std::string_view text, const Err& err) override {
+      ++count;
+      target.WriteLog(module, text, err);
+    }
+    void ReportEvent(std::string_view module, std::string_view text, const Err& err) override {
+      ++count;
+      target.ReportEvent(module, text, err);
+    }
+    Reporter& target;
+    int count = 0;
+  };
+
+  explicit Loaded(Reporter& target) : counting(target), ini(counting) {}
+  Counting counting;
+  IniTool ini;
+};
+
+std::shared_ptr<const Hs::Loaded> Hs::Read(const fs::path& path) const {
+  platform::FileStamp stamp;
+  // Reading never creates the file (a load would).
+  if (!platform::ReadFileStamp(path, stamp)) {
+    Forget(path);
+    return nullptr;
+  }
+  if (auto it = cache_.find(path); it != cache_.end() && it->second.stamp == stamp) return it->second.file;
+  auto file = std::make_shared<Loaded>(reporter_);
+  file->ini.Load(path);
+  if (file->counting.count == 0) {
+    cache_[path] = Cached{stamp, file};
+  } else {
+    Forget(path);
+  }
+  return file;
+}
+
 Hs::Hs(fs::path configFolder, Reporter& reporter)
     : configFolder_(std::move(configFolder)), reporter_(reporter) {}
 
@@ -19,13 +60,8 @@ fs::path Hs::FilePath(std::string_view file) const {
 
 std::string Hs::GetINISetting(std::string_view section, std::string_view key, std::string_view defaultValue,
                               std::string_view file) const {
-  const fs::path path = FilePath(file);
-  std::error_code ec;
-  // Reading never creates the file (a load would).
-  if (!fs::exists(path, ec)) return std::string(defaultValue);
-  IniTool ini(reporter_);
-  ini.Load(path);
-  return ini.Read(section, key, defaultValue);
+  const auto loaded = Read(FilePath(file));
+  return loaded ? loaded->ini.Read(section, key, defaultValue) : std::string(defaultValue);
 }
 
 void Hs::SaveIniSetting(std::string_view section, std::string_view key, std::string_view value,
@@ -34,6 +70,7 @@ void Hs::SaveIniSetting(std::string_view section, std::string_view key, std::str
   ini.Load(FilePath(file));
   ini.WriteKey(section, key, value);
   ini.Save();
+  Forget(FilePath(file));
 }
 
 void Hs::SaveIniSettings(std::string_view section, const std::vector<KeyValuePair>& pairs,
@@ -43,11 +80,19 @@ void Hs::SaveIniSettings(std::string_view section, const std::vector<KeyValuePai
   ini.Load(FilePath(file));
   ini.WriteKeysAsRounds(section, pairs);
   ini.Save();
+  Forget(FilePath(file));
 }
 
 std::string Hs::GetINISection(std::string_view section, std::string_view file) const {
-  IniTool ini(reporter_);
-  ini.Load(FilePath(file));
+  const fs::path path = FilePath(file);
+  std::shared_ptr<const Loaded> loaded = Read(path);
+  if (!loaded) {
+    // As before: asking for a missing file's section creates the file empty.
+    auto created = std::make_shared<Loaded>(reporter_);
+    created->ini.Load(path);
+    loaded = created;
+  }
+  const IniTool& ini = loaded->ini;
   std::string pairs;
   for (const auto& key : ini.Keys(section)) {
     pairs += '\0';
@@ -63,6 +108,7 @@ void Hs::ClearINISection(std::string_view section, std::string_view file) {
   ini.Load(FilePath(file));
   ini.RemoveSection(section);
   ini.Save();
+  Forget(FilePath(file));
 }
 
 std::string Hs::Version() const {

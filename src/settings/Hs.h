@@ -1,6 +1,8 @@
 #pragma once
 
 #include <filesystem>
+#include <map>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -8,15 +10,19 @@
 
 #include "core/KeyValuePair.h"
 #include "core/Reporter.h"
+#include "platform/FileStamp.h"
 
 namespace tavrel {
 
 // The program's own settings file in the Config folder.
 inline constexpr std::string_view kIniFile = "tavrel.ini";
 
+class IniTool;
+
 // The settings object offered to pages and used by the whole program for its INI files, all of which
-// live in the home's Config folder. There is no cache: every call loads the file afresh, every change
-// saves it at once.
+// live in the home's Config folder. Every read sees the file as it is on disk now: a file read cleanly is
+// kept until its time or size changes (an edit by hand is seen at the next read), one whose reading
+// reported trouble is read again each time, so each read reports it as before. Every change saves at once.
 class Hs {
  public:
   Hs(std::filesystem::path configFolder, Reporter& reporter);
@@ -53,8 +59,18 @@ class Hs {
   std::filesystem::path FilePath(std::string_view file) const;
 
  private:
+  struct Loaded;
+  struct Cached {
+    platform::FileStamp stamp;
+    std::shared_ptr<const Loaded> file;
+  };
+  // The file as it is now, from the cache when unchanged; nullptr when it does not exist.
+  std::shared_ptr<const Loaded> Read(const std::filesystem::path& path) const;
+  void Forget(const std::filesystem::path& path) const { cache_.erase(path); }
+
   std::filesystem::path configFolder_;
   Reporter& reporter_;
+  mutable std::map<std::filesystem::path, Cached> cache_;
   std::string sunrise_;
   std::string sunset_;
 };

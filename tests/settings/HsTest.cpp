@@ -42,6 +42,10 @@ TEST_F(HsTest, EveryCallSeesTheFileAsItIsNow) {
   hs_.ClearINISection("arp", "t.ini");
   EXPECT_EQ(ReadFile(Config() / "t.ini"), "[COMPUTER]" + nl_ + "PC1=198.51.100.1" + nl_);
   EXPECT_TRUE(reporter_.calls.empty());
+  // A file whose reading reports trouble reports it at every read, as it always did.
+  WriteFile(Config() / "bad.ini", "[a]\nnoequal\nk=1\n");
+  for (int read = 0; read < 2; ++read) EXPECT_EQ(hs_.GetINISetting("a", "k", "", "bad.ini"), "1");
+  EXPECT_EQ(reporter_.calls.size(), 2u);
 }
 
 // One save of several keys leaves the file that a save per key would, also where names and values do not
