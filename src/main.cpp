@@ -58,6 +58,7 @@ int Wake(const std::vector<std::string>& args) {
 }
 
 int RunService(const CommandLine& cmd) {
+  platform::TuneAllocatorForService();
   const std::filesystem::path home = ResolveHome(cmd);
   if (std::string problem = HomeFolderError(home); !problem.empty()) {
     std::cerr << "tavrel: " << problem << "\n";

@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <ifaddrs.h>
+#include <malloc.h>
 #include <net/if.h>
 #include <netinet/in.h>
 #include <spawn.h>
@@ -89,6 +90,13 @@ bool OpenBrowser(const std::string& url) {
   int status = 0;
   waitpid(pid, &status, 0);
   return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+void TuneAllocatorForService() {
+  // Pages and answers are tens of kilobytes, made and freed per request.
+  mallopt(M_TRIM_THRESHOLD, 16 << 20);
+  mallopt(M_MMAP_THRESHOLD, 4 << 20);
+  mallopt(M_TOP_PAD, 1 << 20);
 }
 
 }  // namespace tavrel::platform

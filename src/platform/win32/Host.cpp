@@ -93,4 +93,7 @@ bool OpenBrowser(const std::string& url) {
   return rc > 32;
 }
 
+// The Windows heap keeps freed blocks for reuse by itself.
+void TuneAllocatorForService() {}
+
 }  // namespace tavrel::platform
