@@ -128,8 +128,8 @@ class HttpTest : public ::testing::Test {
     node_ = std::make_unique<Node>(hub_->Port(), kIni);
     WriteFile(node_->Home() / "secret.css", "SECRET");
     WriteFile(node_->Home() / "secret.gif", "SECRET");
-    for (int size : {2000, 2500})
-      WriteFile(node_->Home() / "HTML" / (std::to_string(size) + ".gif"), Bytes(size));
+    for (const char* name : {"2000.gif", "2500.gif", "a.htm.jpg", "b.jpg", "c.png"})
+      WriteFile(node_->Home() / "HTML" / name, Bytes(std::max(std::atoi(name), 10)));
     std::filesystem::create_symlink(node_->Home() / "secret.gif", node_->Home() / "HTML" / "link.gif");
     node_->Start(true);
     // Served once: the listener is up and the probe's socket is free again.
@@ -147,12 +147,13 @@ const std::string kNotFoundImage = "HTTP/1.1 404 Not Found\r\nServer: zel\r\nDat
 const std::string kNotFoundPage =
     "HTTP/1.1 200 Object Not Found\r\nServer: zel\r\nDate: @DATE@\r\nConnection: Close\r\nContent-Type: "
     "text/html\r\nContent-Length: 40\r\n\r\n<html><h1>404 File Not Found</h1></html>";
-std::string Resubmit(const std::string& page, const std::string& inputs = "") {
+std::string Resubmit(const std::string& page, const std::string& inputs = "",
+                     const std::string& method = "GET") {
   const std::string location = "http://127.0.0.9:8081" + page;
   const std::string body =
       "<HTML><HEAD><SCRIPT LANGUAGE=\"JavaScript\">function initialize() {document.redo.submit();}</script>"
       "</HEAD><body onLoad='initialize()'><form name='redo' action='" +
-      location + "' method='GET'>" + inputs + "</form></HTML>";
+      location + "' method='" + method + "'>" + inputs + "</form></HTML>";
   return "HTTP/1.0 200 OK\r\nServer: zel\r\nDate: @DATE@\r\nConnection: close\r\nContent-Type: "
          "text/html\r\nLocation: " +
          location + "\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
@@ -164,12 +165,12 @@ TEST_F(HttpTest, StaticFilesPagesRedirectsAndNotFound) {
   const std::string css = Html("StyleNoBody.css");
   ASSERT_FALSE(css.empty());
   // Images go out in pieces of 1000 bytes, the last one padded with zeros.
-  auto gifAnswer = [](const std::string& bytes) {
+  auto gifAnswer = [](const std::string& bytes, const std::string& type = "image/gif") {
     return "HTTP/1.1 200 OK\r\nServer: zel\r\nDate:@DATE@\r\nLast-Modified: @TIME@\r\nAccept-Ranges: "
            "bytes\r\n"
            "Content-Length: " +
-           std::to_string(bytes.size()) + "\r\nConnection: Close\r\nContent-Type: image/gif\r\n\r\n" + bytes +
-           std::string((1000 - bytes.size() % 1000) % 1000, '\0');
+           std::to_string(bytes.size()) + "\r\nConnection: Close\r\nContent-Type: " + type + "\r\n\r\n" +
+           bytes + std::string((1000 - bytes.size() % 1000) % 1000, '\0');
   };
   const std::string cssAnswer =
       "HTTP/1.0 200 OK\r\nServer: zel\r\nDate: @DATE@\r\nAccept-Ranges: bytes\r\n"
@@ -183,6 +184,9 @@ TEST_F(HttpTest, StaticFilesPagesRedirectsAndNotFound) {
       {"/LED-RED.GIF", gifAnswer(gif)},  // pages are looked up without regard to case
       {"/2500.gif", gifAnswer(Bytes(2500))},
       {"/2000.gif", gifAnswer(Bytes(2000))},
+      {"/a.htm.jpg", gifAnswer(Bytes(10), "text/html")},  // the first name part that has a type wins
+      {"/b.jpg", gifAnswer(Bytes(10), "image/jpg")},
+      {"/c.png", gifAnswer(Bytes(10), "unknown/binary")},
       {"/StyleNoBody.css", cssAnswer},
       {"/missing.gif", kNotFoundImage},
       {"/missing.css", kNotFoundPage},
@@ -204,6 +208,17 @@ TEST_F(HttpTest, StaticFilesPagesRedirectsAndNotFound) {
       {"/c:%5Cled-Red.gif", kNotFoundImage},
   };
   for (const auto& c : cases) EXPECT_EQ(Masked(Ask(Get(c.target))), c.expected) << c.target;
+  // The Audrey gets a jump of its own; a post is resubmitted with its form fields, escaped.
+  EXPECT_EQ(Masked(Ask("GET /wol/?x=1 HTTP/1.1\r\nUser-Agent: Mozilla (QNX; audrey)\r\n\r\n")),
+            "HTTP/1.0 307 NoSupport\r\nServer: zel\r\nDate: @DATE@\r\nConnection: close\r\nContent-Type: "
+            "text/html\r\nLocation: http://127.0.0.9:8081/wol/\r\nContent-Length: 0\r\n\r\n");
+  EXPECT_EQ(
+      Masked(Ask("POST /Dir%5CPage.asp?q=1 HTTP/1.1\r\n\r\nname=A+%26+B&go=\"1\"&q=again")),
+      Resubmit("/Dir/Page.asp",
+               "<input type='hidden' name='q' value='1'><input type='hidden' name='name' value='A %26 B'>"
+               "<input type='hidden' name='go' value='&quot;1&quot;'><input type='hidden' name='q' "
+               "value='again'>",
+               "POSTx"));
   // The debug log names each kind of answer.
   for (const char* line :
        {R"(\| >>>>>>>>>>> SendingBinaryHeader \\2500\.gif to socket \d+\r?\n)",
