@@ -216,7 +216,8 @@ TEST_F(PageTest, RowActionsActRowByRowInTheShownOrderAndSaveWakesNothing) {
 // Names the settings file could not give back are refused with a word on the page; others are stored
 // and shown escaped.
 TEST_F(PageTest, RenamesTakeOnlyStorableNames) {
-  for (const std::string name : {"%5Bevil", "pc~1", "+pc", "a\tb", std::string(64, 'a').c_str(), "<b>x"}) {
+  const std::string tooLong(64, 'a');
+  for (const std::string name : {"%5Bevil", "pc~1", "+pc", "a\tb", tooLong.c_str(), "<b>x"}) {
     table = ComputerTable{};
     AddComputer("pc1", "198.51.100.10");
     Get();
