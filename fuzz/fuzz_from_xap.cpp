@@ -12,10 +12,7 @@
 
 namespace {
 
-class CountingReporter : public tavrel::Reporter {
- public:
-  using Reporter::ReportEvent;
-  using Reporter::WriteLog;
+struct CountingReporter : tavrel::Reporter {
   void WriteLog(std::string_view, std::string_view, const tavrel::Err&) override { ++lines; }
   void ReportEvent(std::string_view, std::string_view, const tavrel::Err&) override { ++lines; }
   int lines = 0;

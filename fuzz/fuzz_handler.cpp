@@ -7,7 +7,6 @@
 #include <filesystem>
 #include <random>
 #include <string>
-#include <system_error>
 
 #include "core/Clock.h"
 #include "core/ComputerTable.h"
@@ -21,8 +20,6 @@ namespace {
 using namespace tavrel;
 
 struct QuietReporter : Reporter {
-  using Reporter::ReportEvent;
-  using Reporter::WriteLog;
   void WriteLog(std::string_view, std::string_view, const Err&) override {}
   void ReportEvent(std::string_view, std::string_view, const Err&) override {}
 };
@@ -31,14 +28,10 @@ struct NullSend : XapSendOperation {
   void Send(const std::string&, const std::string&, const std::string&, const std::string&) override {}
 };
 
-// One temporary home for the whole run, removed at exit.
-struct Home {
+struct Home {  // one temporary home for the whole run
   std::filesystem::path path = std::filesystem::temp_directory_path() /
                                ("tavrel-fuzz-handler-" + std::to_string(std::random_device{}()));
-  ~Home() {
-    std::error_code ec;
-    std::filesystem::remove_all(path, ec);
-  }
+  ~Home() { std::filesystem::remove_all(path); }
 };
 
 }  // namespace
@@ -50,8 +43,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static Hs hs(home.path / "Config", reporter);
   static const ManualClock clock{MakeDateTime(2026, 11, 22, 8, 30, 0)};
   // The INI files go before every input so learned names do not pile up over a long run.
-  std::error_code ec;
-  std::filesystem::remove_all(home.path / "Config", ec);
+  std::filesystem::remove_all(home.path / "Config");
 
   XapGlobal xap;
   xap.SetTransport(&send);

@@ -9,8 +9,7 @@
 
 namespace {
 
-class CountingLog : public tavrel::ServerLog {
- public:
+struct CountingLog : tavrel::ServerLog {
   void WriteLine(std::string_view) override { ++lines; }
   void Write(std::string_view) override { ++lines; }
   size_t lines = 0;

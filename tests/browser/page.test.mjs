@@ -1,8 +1,6 @@
-// The management page in a real browser: a tavrel with a temporary home on loopback, the page at /wol in
-// headless Chromium, and every kind of button on it pressed as a person would.
-//   TAVREL_BINARY=PATH/TO/tavrel node --test page.test.mjs      (or: node page.test.mjs PATH/TO/tavrel)
-// The wake packet is caught on 127.0.0.255:7 only as root (a privileged port); run.sh also puts the whole
-// run into a network namespace of its own then, so nothing can leave the machine.
+// The management page in headless Chromium against a tavrel with a temporary home on loopback, every kind
+// of button pressed as a person would.   TAVREL_BINARY=PATH/TO/tavrel node --test page.test.mjs
+// The wake packet is caught on 127.0.0.255:7 only as root; run.sh then runs all in a network namespace.
 import { after, before, test } from 'node:test';
 import assert from 'node:assert/strict';
 import { spawn } from 'node:child_process';
@@ -14,305 +12,200 @@ import path from 'node:path';
 import { fileURLToPath } from 'node:url';
 import { chromium } from 'playwright-core';
 
-const here = path.dirname(fileURLToPath(import.meta.url));
 const tavrel = process.argv[2] || process.env.TAVREL_BINARY;
-const chromiumPath = process.env.CHROMIUM || '/usr/bin/chromium';
-const outDir = path.join(here, 'out');
-const isRoot = process.getuid?.() === 0;
+const outDir = path.join(path.dirname(fileURLToPath(import.meta.url)), 'out');
 
-// The computers the home starts with: names with the IPs (127.0.0.x, never swept) and MACs. Each sort
-// column gives another order; .9 before .10 tells a numeric IP sort from a textual one.
+// 127.0.0.x is never swept; .9 before .10 tells a numeric IP sort from a textual one. echo has no MAC
+// (no WOL button); .44 is known to the ARP table only.
 const computers = [
-  { name: 'delta', ip: '127.0.0.10', mac: 'AA-00-00-00-00-10' },
-  { name: 'alpha', ip: '127.0.0.9', mac: '00-1A-2B-3C-4D-09' },
-  { name: 'charlie', ip: '127.0.0.21', mac: '11-22-33-44-55-21' },
-  { name: 'bravo', ip: '127.0.0.3', mac: 'CC-00-00-00-00-03' },
-  { name: 'echo', ip: '127.0.0.30', mac: '' }, // no MAC known: no WOL button
+  ['delta', '127.0.0.10', 'AA-00-00-00-00-10'],
+  ['alpha', '127.0.0.9', '00-1A-2B-3C-4D-09'],
+  ['charlie', '127.0.0.21', '11-22-33-44-55-21'],
+  ['bravo', '127.0.0.3', 'CC-00-00-00-00-03'],
+  ['echo', '127.0.0.30', ''],
 ];
-const arpOnly = { name: '', ip: '127.0.0.44', mac: '55-00-00-00-00-44' }; // seen by a sweep, never named
+const arpOnly = ['', '127.0.0.44', '55-00-00-00-00-44'];
 
-let home, port, proc, context, page, exitPromise;
+let home, port, proc, context, page, exited;
 const problems = []; // failed requests, HTTP errors and script errors seen by the browser
 
 const freePort = () =>
-  new Promise((resolve, reject) => {
-    const server = net.createServer();
-    server.on('error', reject);
-    server.listen(0, '127.0.0.1', () => {
+  new Promise((resolve) => {
+    const server = net.createServer().listen(0, '127.0.0.1', () => {
       const { port: p } = server.address();
       server.close(() => resolve(p));
     });
   });
 
 async function until(what, seconds, probe) {
-  const deadline = Date.now() + seconds * 1000;
-  for (;;) {
-    const result = await probe().catch(() => undefined);
-    if (result) return result;
-    if (Date.now() > deadline) throw new Error(`${what}: not within ${seconds} s`);
+  for (const deadline = Date.now() + seconds * 1000; Date.now() < deadline; ) {
+    if (await probe().catch(() => false)) return;
     await new Promise((r) => setTimeout(r, 50));
   }
+  throw new Error(`${what}: not within ${seconds} s`);
 }
 
-// Config/tavrel.ini as { SECTION: { KEY: value } }, section and key names upper-cased.
+// Config/tavrel.ini as { SECTION: { KEY: value } }, names upper-cased.
 function readIni() {
   const ini = {};
-  let section = null;
-  for (const line of fs.readFileSync(path.join(home, 'Config', 'tavrel.ini'), 'latin1').split(/\r\n|\r|\n/)) {
-    const header = /^\[(.*)\]$/.exec(line);
-    if (header) ini[(section = header[1].toUpperCase())] ??= {};
-    else if (section && line.indexOf('=') > 0) {
-      ini[section][line.slice(0, line.indexOf('=')).toUpperCase()] = line.slice(line.indexOf('=') + 1);
-    }
+  let section;
+  for (const line of fs.readFileSync(path.join(home, 'Config', 'tavrel.ini'), 'latin1').split(/\r?\n/)) {
+    if (/^\[.*\]$/.test(line)) ini[(section = line.slice(1, -1).toUpperCase())] ??= {};
+    else if (section && line.indexOf('=') > 0) ini[section][line.split('=')[0].toUpperCase()] = line.split('=')[1];
   }
   return ini;
 }
 
-// The data rows as the browser shows them, top to bottom.
-const readRows = () =>
-  page.$$eval("input[type='checkbox'][name^='R']", (boxes) =>
-    boxes.map((box) => {
-      const cells = [...box.closest('tr').children];
-      const led = cells[1].querySelector('img');
-      return {
-        key: box.name.slice(1),
-        className: cells[0].className,
-        led: led ? led.getAttribute('src') : '',
-        age: cells[1].textContent,
-        name: cells[2].querySelector("input[type='text']").value,
-        ip: cells[3].textContent,
-        mac: cells[4].textContent,
-        buttons: cells.slice(5).map((c) => c.querySelector("input[type='submit']")?.value ?? ''),
-      };
-    }),
-  );
+// Our data rows top to bottom: { key, name, ip (last part, as ".9"), mac, led, age, buttons }.
+const readRows = async () =>
+  (
+    await page.$$eval("input[type='checkbox'][name^='R']", (boxes) =>
+      boxes.map((box) => {
+        const cells = [...box.closest('tr').children];
+        return {
+          key: box.name.slice(1),
+          name: cells[2].querySelector('input').value,
+          ip: cells[3].textContent.replace('127.0.0.', '.'),
+          mac: cells[4].textContent,
+          led: cells[1].querySelector('img')?.getAttribute('src') ?? '',
+          age: cells[1].textContent,
+          buttons: cells.slice(5).map((c) => c.querySelector('input')?.value ?? '').join(' '),
+        };
+      }),
+    )
+  ).filter((r) => [...computers, arpOnly].some((c) => c[1].endsWith(r.ip)));
+const ips = async () => (await readRows()).map((r) => r.ip);
+const keyOf = async (ip) => (await readRows()).find((r) => r.ip === ip).key;
 
-const ours = (rows) => rows.filter((r) => [...computers, arpOnly].some((c) => c.ip === r.ip));
-const ips = (rows) => ours(rows).map((r) => r.ip.replace('127.0.0.', '.'));
-
-// The text each column sorts on, compared without regard to case; the IP padded to three digits a part.
-const sortText = {
-  Name: (r) => r.name,
-  IP: (r) => r.ip.split('.').map((p) => ('000' + p).slice(-3)).join('.'),
-  MAC: (r) => r.mac,
-  Online: (r) => (r.led ? `<img src='${r.led}'>&nbsp;${r.age.replace(/^\u00a0/, '')}` : ''),
-};
-function assertSorted(rows, column, descending) {
-  const text = rows.map((r) => sortText[column](r).toLowerCase());
-  for (let i = 1; i < text.length; i++) {
-    const ordered = descending ? text[i - 1] >= text[i] : text[i - 1] <= text[i];
-    assert.ok(ordered, `${column} ${descending ? 'DESC' : 'ASC'}: row ${i} "${text[i]}" after "${text[i - 1]}"`);
-  }
-}
-
-// Presses a submit button of the page's form and waits for the page the post brings back.
-async function press(selector) {
+// Presses a submit button and waits for the page the post brings back.
+async function press(name) {
   const [response] = await Promise.all([
-    page.waitForResponse((r) => r.request().method() === 'POST' && new URL(r.url()).pathname === '/wol'),
+    page.waitForResponse((r) => r.request().method() === 'POST'),
     page.waitForNavigation({ waitUntil: 'load' }),
-    page.click(selector),
+    page.click(`input[type='submit'][name='${name}']`),
   ]);
-  assert.equal(response.status(), 200, `POST after ${selector}`);
-  return readRows();
+  assert.equal(response.status(), 200, name);
+  return ips();
 }
-const rowOf = async (ip) => (await readRows()).find((r) => r.ip === ip);
 
 before(async () => {
-  assert.ok(tavrel && fs.existsSync(tavrel), 'give the tavrel binary as argument or in TAVREL_BINARY');
   home = fs.mkdtempSync(path.join(os.tmpdir(), 'tavrel-browser-'));
   fs.mkdirSync(path.join(home, 'Config'));
-  fs.mkdirSync(outDir, { recursive: true });
-  for (const old of fs.readdirSync(outDir)) fs.rmSync(path.join(outDir, old), { recursive: true, force: true });
+  fs.rmSync(outDir, { recursive: true, force: true });
+  fs.mkdirSync(outDir);
   port = await freePort();
-  const xapPort = await freePort();
-  fs.writeFileSync(
-    path.join(home, 'Config', 'zelXap.ini'),
-    `[Interface]\r\nBroadcastAddress=127.0.0.1\r\nPort=${xapPort}\r\n`,
-  );
-  const lines = ['[WOL]', `HTTPPort=${port}`, 'Subnet=127.0.0', 'ScanMethod=native', '[Computer]'];
-  for (const c of computers) lines.push(`${c.name}=${c.ip}`);
-  lines.push('[ARP]');
-  for (const c of [...computers, arpOnly]) if (c.mac) lines.push(`${c.ip}=${c.mac}`);
-  fs.writeFileSync(path.join(home, 'Config', 'tavrel.ini'), lines.join('\r\n') + '\r\n');
-
-  const log = fs.openSync(path.join(home, 'stdout.txt'), 'w');
-  proc = spawn(tavrel, ['--home', home, '--no-tray'], { stdio: ['ignore', log, log] });
-  exitPromise = new Promise((resolve) => proc.on('exit', (code, signal) => resolve({ code, signal })));
+  const config = (name, lines) => fs.writeFileSync(path.join(home, 'Config', name), lines.join('\r\n') + '\r\n');
+  config('zelXap.ini', ['[Interface]', 'BroadcastAddress=127.0.0.1', `Port=${await freePort()}`]);
+  config('tavrel.ini', [
+    '[WOL]', `HTTPPort=${port}`, 'Subnet=127.0.0', 'ScanMethod=native', '[Computer]',
+    ...computers.map(([name, ip]) => `${name}=${ip}`), '[ARP]',
+    ...[...computers, arpOnly].filter((c) => c[2]).map(([, ip, mac]) => `${ip}=${mac}`),
+  ]);
+  proc = spawn(tavrel, ['--home', home, '--no-tray'], { stdio: 'ignore' });
+  exited = new Promise((resolve) => proc.on('exit', (code, signal) => resolve({ code, signal })));
   await until('the page answers', 15, async () => (await fetch(`http://127.0.0.1:${port}/wol`)).ok);
-
   context = await chromium.launchPersistentContext(fs.mkdtempSync(path.join(home, 'profile-')), {
-    executablePath: chromiumPath,
-    headless: true,
+    executablePath: process.env.CHROMIUM || '/usr/bin/chromium',
     viewport: { width: 900, height: 420 },
-    args: [
-      '--headless', '--no-sandbox', '--disable-gpu', '--disable-quic', '--no-first-run',
-      '--disable-background-networking', '--disable-component-update', '--disable-sync',
-    ],
+    args: ['--no-sandbox', '--disable-gpu', '--no-first-run', '--disable-background-networking', '--disable-sync'],
   });
   page = context.pages()[0] ?? (await context.newPage());
-  page.on('requestfailed', (r) => problems.push(`failed: ${r.url()} ${r.failure()?.errorText}`));
-  page.on('response', (r) => {
-    if (r.status() >= 400 && !r.url().endsWith('/favicon.ico')) problems.push(`${r.status()}: ${r.url()}`);
-  });
+  page.on('requestfailed', (r) => problems.push(`failed: ${r.url()}`));
+  page.on('response', (r) => r.status() >= 400 && !r.url().endsWith('/favicon.ico') && problems.push(r.url()));
   page.on('pageerror', (e) => problems.push(`script error: ${e.message}`));
 });
 
 after(async () => {
   await context?.close().catch(() => {});
-  if (proc && proc.exitCode === null && proc.signalCode === null) {
-    proc.kill('SIGKILL');
-    await exitPromise;
-  }
-  const output = home && path.join(home, 'stdout.txt');
-  if (process.exitCode && fs.existsSync(output)) console.log(fs.readFileSync(output, 'utf8').slice(-3000));
+  if (proc?.exitCode === null && proc.signalCode === null) proc.kill('SIGKILL');
   if (home) fs.rmSync(home, { recursive: true, force: true });
 });
 
 test('the page shows every computer with its images and style sheet', async () => {
-  const response = await page.goto(`http://127.0.0.1:${port}/wol`, { waitUntil: 'load' });
-  assert.equal(response.status(), 200);
+  assert.equal((await page.goto(`http://127.0.0.1:${port}/wol`, { waitUntil: 'load' })).status(), 200);
   assert.match(await page.title(), /^Tavrel\s+V\d+\.\d+\.\d+$/);
-  for (const label of ['Refresh', 'Query LAN', 'Save Changes', 'R', 'Online', 'Name', 'IP', 'MAC']) {
-    assert.equal(await page.locator(`input[type='submit'][value='${label}']`).count(), 1, label);
-  }
   assert.equal(await page.inputValue("input[name='subnet']"), '127.0.0');
-
-  const rows = await readRows();
-  assert.deepEqual(
-    ours(rows).map((r) => [r.name, r.ip, r.mac, r.buttons.join(' ')]).sort(),
-    [
-      ...computers.map((c) => [c.name, c.ip, c.mac, c.mac ? 'WOL Reboot Shutdown' : ' Reboot Shutdown']),
-      ['', arpOnly.ip, arpOnly.mac, 'WOL  '],
-    ].sort(),
-  );
-  rows.forEach((r, i) => assert.equal(r.className, i % 2 ? 'TABLEROWEVEN' : 'TABLEROWODD', `row ${i}`));
-  for (const r of ours(rows)) {
-    assert.equal(r.led, r.name ? '\\led-Green.gif' : '', `LED of ${r.ip}`); // all seen at start-up
-  }
-
-  const images = await page.$$eval('img', (imgs) => imgs.map((i) => [i.src, i.complete, i.naturalWidth]));
-  assert.ok(images.length >= computers.length);
-  for (const [src, complete, width] of images) assert.ok(complete && width === 13, `image ${src} (${width})`);
+  const shown = (await readRows()).map((r) => [r.name, r.ip, r.mac, r.buttons, r.led]);
+  const expected = [...computers, arpOnly].map(([name, ip, mac]) => [
+    name, ip.replace('127.0.0.', '.'), mac,
+    `${mac ? 'WOL' : ''} ${name ? 'Reboot Shutdown' : ' '}`, name ? '\\led-Green.gif' : '',
+  ]);
+  assert.deepEqual(shown.sort(), expected.sort());
+  const images = await page.$$eval('img', (imgs) => imgs.map((i) => i.complete && i.naturalWidth));
+  assert.ok(images.length >= computers.length && images.every((width) => width === 13), `${images}`);
   const header = page.locator('td.TABLEHEADER').first();
   assert.equal(await header.evaluate((td) => getComputedStyle(td).backgroundColor), 'rgb(99, 99, 156)');
   await page.screenshot({ path: path.join(outDir, 'page.png'), fullPage: true });
 });
 
 test('the column buttons sort the rows and a second press turns the order round', async () => {
-  // [button, descending after the press, our rows top to bottom (or null: only sortedness is checked)]
+  const byName = ['.44', '.9', '.3', '.21', '.10', '.30'];
   const steps = [
-    ['Name', false, ['.44', '.9', '.3', '.21', '.10', '.30']],
-    ['IP', false, ['.3', '.9', '.10', '.21', '.30', '.44']],
-    ['MAC', false, ['.30', '.9', '.21', '.44', '.10', '.3']],
-    ['Online', false, null],
-    ['Online', true, null],
-    ['Name', true, ['.30', '.10', '.21', '.3', '.9', '.44']],
-    ['Name', false, ['.44', '.9', '.3', '.21', '.10', '.30']],
+    ['Name', 'ASC', byName],
+    ['IP', 'ASC', ['.3', '.9', '.10', '.21', '.30', '.44']],
+    ['MAC', 'ASC', ['.30', '.9', '.21', '.44', '.10', '.3']],
+    ['Online', 'ASC', (order) => order[0] === '.44'], // the one row without a LED first, then ties
+    ['Online', 'DESC', (order) => order.at(-1) === '.44'],
+    ['Name', 'DESC', [...byName].reverse()], // another column keeps the direction
+    ['Name', 'ASC', byName],
   ];
-  for (const [button, descending, expected] of steps) {
-    const rows = await press(`input[type='submit'][name='${button}']`);
-    assertSorted(rows, button, descending);
-    if (expected) assert.deepEqual(ips(rows), expected, `after ${button}`);
-    assert.equal(ours(rows).length, computers.length + 1);
-    const ini = readIni().WOL;
-    assert.equal(ini.SORT, button);
-    assert.equal(ini.SORTDIR ?? 'ASC', descending ? 'DESC' : 'ASC', `direction after ${button}`);
+  for (const [button, direction, expected] of steps) {
+    const order = await press(button);
+    if (Array.isArray(expected)) assert.deepEqual(order, expected, `${button} ${direction}`);
+    else assert.ok(expected(order), `${button} ${direction}: ${order}`);
+    assert.deepEqual([readIni().WOL.SORT, readIni().WOL.SORTDIR ?? 'ASC'], [button, direction]);
   }
-  // Ties aside, the one row without a name (no LED either) sorts first, and last when turned round.
-  await press("input[type='submit'][name='Online']");
-  assert.equal(ips(await readRows())[0], '.44');
-  await press("input[type='submit'][name='Online']");
-  assert.equal(ips(await readRows()).at(-1), '.44');
-  // Another column keeps the direction (DESC); pressing it again turns it back for the tests below.
-  assert.deepEqual(ips(await press("input[type='submit'][name='Name']")), ['.30', '.10', '.21', '.3', '.9', '.44']);
-  assert.deepEqual(ips(await press("input[type='submit'][name='Name']")), ['.44', '.9', '.3', '.21', '.10', '.30']);
 });
 
-test('Save Changes stores a new name', async () => {
-  const delta = await rowOf('127.0.0.10');
-  await page.fill(`input[name='Name${delta.key}']`, 'office');
-  await press("input[type='submit'][name='Save']");
+test('Save Changes stores a new name and a ticked box removes a computer', async () => {
+  await page.fill(`input[name='Name${await keyOf('.10')}']`, 'office');
+  await press('Save');
+  assert.equal((await readRows()).find((r) => r.ip === '.10').name, 'OFFICE');
+  assert.deepEqual([readIni().COMPUTER.OFFICE, readIni().COMPUTER.ALPHA], ['127.0.0.10', '127.0.0.9']);
 
-  const rows = await readRows();
-  assert.equal(rows.find((r) => r.ip === '127.0.0.10').name, 'OFFICE');
-  assert.equal(rows.filter((r) => /^delta$/i.test(r.name)).length, 0);
-  assert.equal(ours(rows).length, computers.length + 1);
+  await page.check(`input[name='R${await keyOf('.3')}']`);
+  assert.deepEqual(await press('Save'), ['.44', '.9', '.21', '.30', '.10']);
   const ini = readIni();
-  assert.equal(ini.COMPUTER.OFFICE, '127.0.0.10');
-  assert.equal(ini.COMPUTER.ALPHA, '127.0.0.9', 'the other names stay');
-  assert.equal(ini.ARP['127.0.0.10'], 'AA-00-00-00-00-10');
-});
-
-test('a ticked remove box and Save Changes take the computer off the page and out of the file', async () => {
-  const bravo = await rowOf('127.0.0.3');
-  await page.check(`input[name='R${bravo.key}']`);
-  await press("input[type='submit'][name='Save']");
-
-  const rows = await readRows();
-  assert.equal(rows.find((r) => r.ip === '127.0.0.3'), undefined);
-  assert.deepEqual(ips(rows), ['.44', '.9', '.21', '.30', '.10']); // by name: '', alpha, charlie, echo, OFFICE
-  const ini = readIni();
-  assert.equal(ini.COMPUTER.BRAVO, undefined);
-  assert.equal(ini.ARP['127.0.0.3'], undefined);
-  assert.equal(ini.COMPUTER.DELTA, undefined, 'the section is written afresh, the old name gone');
-  assert.equal(ini.COMPUTER.OFFICE, '127.0.0.10');
-  for (const c of [computers[1], computers[2], arpOnly]) assert.equal(ini.ARP[c.ip], c.mac);
-  assert.equal(await page.locator("input[type='checkbox']:checked").count(), 0, 'boxes come back clear');
+  assert.deepEqual([ini.COMPUTER.BRAVO, ini.ARP['127.0.0.3'], ini.COMPUTER.DELTA], [undefined, undefined, undefined]);
+  assert.equal(ini.ARP['127.0.0.44'], arpOnly[2]);
+  assert.equal(await page.locator("input[type='checkbox']:checked").count(), 0);
 });
 
 test('WOL sends the magic packet to the broadcast address of the computer', async (t) => {
-  const alpha = await rowOf('127.0.0.9');
-  let socket;
-  const packet = new Promise((resolve) => {
-    if (!isRoot) return;
-    socket = dgram.createSocket('udp4');
-    socket.on('message', (msg) => resolve(msg));
-  });
+  const socket = process.getuid?.() === 0 ? dgram.createSocket('udp4') : null;
+  const packet = new Promise((resolve) => socket?.on('message', resolve));
   if (socket) await new Promise((resolve) => socket.bind(7, '127.0.0.255', resolve));
   try {
-    const rows = await press(`input[type='submit'][name='WOL${alpha.key}']`);
-    assert.deepEqual(ips(rows), ['.44', '.9', '.21', '.30', '.10'], 'a wake changes nothing on the page');
-    if (!socket) {
-      t.diagnostic('not root: the wake packet on 127.0.0.255:7 is not caught (port 7 needs root)');
-      return;
-    }
+    assert.deepEqual(await press(`WOL${await keyOf('.9')}`), ['.44', '.9', '.21', '.30', '.10']);
+    if (!socket) return t.diagnostic('not root: the wake packet on 127.0.0.255:7 is not caught');
     const received = await Promise.race([packet, new Promise((r) => setTimeout(r, 5000))]);
-    assert.ok(received, 'no packet on 127.0.0.255:7 within 5 s');
-    const mac = Buffer.from(computers[1].mac.replaceAll('-', ''), 'hex');
-    assert.equal(received.length, 102);
+    const mac = Buffer.from(computers[1][2].replaceAll('-', ''), 'hex');
     assert.deepEqual(received, Buffer.concat([Buffer.alloc(6, 0xff), ...Array(16).fill(mac)]));
   } finally {
     socket?.close();
   }
 });
 
-test('Query LAN brings the page back and the program keeps answering', async () => {
-  const named = ['.9', '.21', '.30', '.10'];
-  const rows = await press("input[type='submit'][name='QueryLAN']");
-  assert.deepEqual(ips(rows).filter((ip) => named.includes(ip)), named);
-  // The sweep of 127.0.0 has nothing to probe; once it is over the button is offered again, and the
-  // table in memory holds what the sweep found (nothing) while the file keeps every address.
+test('Query LAN brings the page back, the sweep finds nothing and the file keeps every address', async () => {
+  await press('QueryLAN');
   await until('Query LAN offered again', 15, async () => {
     await page.goto(`http://127.0.0.1:${port}/wol`, { waitUntil: 'load' });
     return (await page.locator("input[name='QueryLAN']").count()) === 1;
   });
-  const after = await readRows();
-  assert.deepEqual(ips(after), named);
-  assert.deepEqual(ours(after).map((r) => r.mac + r.buttons.join(' ')), Array(4).fill(' Reboot Shutdown'));
-  const ini = readIni();
-  for (const c of [computers[0], computers[1], computers[2], arpOnly]) assert.equal(ini.ARP[c.ip], c.mac);
-  const response = await fetch(`http://127.0.0.1:${port}/wol`);
-  assert.equal(response.status, 200);
-  assert.match(await response.text(), /name='Name\d+'size='8' value='OFFICE'/);
+  const rows = await readRows();
+  const named = ['.9', '.21', '.30', '.10'];
+  assert.deepEqual(rows.map((r) => r.ip + r.mac + r.buttons), named.map((ip) => ip + ' Reboot Shutdown'));
+  assert.deepEqual([readIni().ARP['127.0.0.21'], readIni().ARP['127.0.0.44']], [computers[2][2], arpOnly[2]]);
   await page.screenshot({ path: path.join(outDir, 'page-after.png'), fullPage: true });
 });
 
 test('the browser met no broken request and the program ends cleanly', async () => {
   assert.deepEqual(problems, []);
   proc.kill('SIGTERM');
-  const exit = await Promise.race([exitPromise, new Promise((r) => setTimeout(() => r('timeout'), 10000))]);
-  assert.deepEqual(exit, { code: 0, signal: null });
-  const logFile = path.join(home, 'Data', 'tavrel.txt');
-  const log = fs.existsSync(logFile) ? fs.readFileSync(logFile, 'latin1') : '';
-  assert.doesNotMatch(log, /MainPage|RemoteASP|UpdateDisplay|AcceptRemoteChanges|SendWOL/);
+  assert.deepEqual(await Promise.race([exited, new Promise((r) => setTimeout(r, 10000, 'timeout'))]), {
+    code: 0,
+    signal: null,
+  });
+  const log = path.join(home, 'Data', 'tavrel.txt');
+  assert.doesNotMatch(fs.existsSync(log) ? fs.readFileSync(log, 'latin1') : '', /MainPage|RemoteASP|SendWOL/);
 });

@@ -108,6 +108,11 @@ std::string Masked(const std::string& text) {
   }
   return out;
 }
+std::string Bytes(int size) {
+  std::string bytes;
+  for (int i = 0; i < size; ++i) bytes += static_cast<char>(i % 251);
+  return bytes;
+}
 std::string Golden(const std::string& name) {
   std::string text = ReadFile(std::filesystem::path(TAVREL_INTEGRATION_GOLDEN) / name);
   const std::string version = std::to_string(kVersionMajor) + "." + std::to_string(kVersionMinor) + "." +
@@ -123,6 +128,9 @@ class HttpTest : public ::testing::Test {
     node_ = std::make_unique<Node>(hub_->Port(), kIni);
     WriteFile(node_->Home() / "secret.css", "SECRET");
     WriteFile(node_->Home() / "secret.gif", "SECRET");
+    for (const char* name : {"2000.gif", "2500.gif", "a.htm.jpg", "b.jpg", "c.png"})
+      WriteFile(node_->Home() / "HTML" / name, Bytes(std::max(std::atoi(name), 10)));
+    std::filesystem::create_symlink(node_->Home() / "secret.gif", node_->Home() / "HTML" / "link.gif");
     node_->Start(true);
     // Served once: the listener is up and the probe's socket is free again.
     ASSERT_TRUE(WaitFor([] { return !Ask(Get("/probe.gif")).empty(); })) << "the server never answered";
@@ -139,12 +147,13 @@ const std::string kNotFoundImage = "HTTP/1.1 404 Not Found\r\nServer: zel\r\nDat
 const std::string kNotFoundPage =
     "HTTP/1.1 200 Object Not Found\r\nServer: zel\r\nDate: @DATE@\r\nConnection: Close\r\nContent-Type: "
     "text/html\r\nContent-Length: 40\r\n\r\n<html><h1>404 File Not Found</h1></html>";
-std::string Resubmit(const std::string& page, const std::string& inputs = "") {
+std::string Resubmit(const std::string& page, const std::string& inputs = "",
+                     const std::string& method = "GET") {
   const std::string location = "http://127.0.0.9:8081" + page;
   const std::string body =
       "<HTML><HEAD><SCRIPT LANGUAGE=\"JavaScript\">function initialize() {document.redo.submit();}</script>"
       "</HEAD><body onLoad='initialize()'><form name='redo' action='" +
-      location + "' method='GET'>" + inputs + "</form></HTML>";
+      location + "' method='" + method + "'>" + inputs + "</form></HTML>";
   return "HTTP/1.0 200 OK\r\nServer: zel\r\nDate: @DATE@\r\nConnection: close\r\nContent-Type: "
          "text/html\r\nLocation: " +
          location + "\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
@@ -155,11 +164,14 @@ TEST_F(HttpTest, StaticFilesPagesRedirectsAndNotFound) {
   ASSERT_EQ(gif.substr(0, 10), "GIF89a\x0D\x00\x0D\x00"s);  // 13 x 13, as written on first start
   const std::string css = Html("StyleNoBody.css");
   ASSERT_FALSE(css.empty());
-  const std::string gifAnswer =
-      "HTTP/1.1 200 OK\r\nServer: zel\r\nDate:@DATE@\r\nLast-Modified: @TIME@\r\n"
-      "Accept-Ranges: bytes\r\nContent-Length: " +
-      std::to_string(gif.size()) + "\r\nConnection: Close\r\nContent-Type: image/gif\r\n\r\n" + gif +
-      std::string(1000 - gif.size(), '\0');  // the last piece is padded
+  // Images go out in pieces of 1000 bytes, the last one padded with zeros.
+  auto gifAnswer = [](const std::string& bytes, const std::string& type = "image/gif") {
+    return "HTTP/1.1 200 OK\r\nServer: zel\r\nDate:@DATE@\r\nLast-Modified: @TIME@\r\nAccept-Ranges: "
+           "bytes\r\n"
+           "Content-Length: " +
+           std::to_string(bytes.size()) + "\r\nConnection: Close\r\nContent-Type: " + type + "\r\n\r\n" +
+           bytes + std::string((1000 - bytes.size() % 1000) % 1000, '\0');
+  };
   const std::string cssAnswer =
       "HTTP/1.0 200 OK\r\nServer: zel\r\nDate: @DATE@\r\nAccept-Ranges: bytes\r\n"
       "Content-Type: text/html\r\nLast-Modified @TIME@\r\nContent-Length: " +
@@ -168,24 +180,54 @@ TEST_F(HttpTest, StaticFilesPagesRedirectsAndNotFound) {
   const struct {
     std::string target, expected;
   } cases[] = {
-      {"/led-Red.gif", gifAnswer},
-      {"/LED-RED.GIF", gifAnswer},  // pages are looked up without regard to case
+      {"/led-Red.gif", gifAnswer(gif)},
+      {"/LED-RED.GIF", gifAnswer(gif)},  // pages are looked up without regard to case
+      {"/2500.gif", gifAnswer(Bytes(2500))},
+      {"/2000.gif", gifAnswer(Bytes(2000))},
+      {"/a.htm.jpg", gifAnswer(Bytes(10), "text/html")},  // the first name part that has a type wins
+      {"/b.jpg", gifAnswer(Bytes(10), "image/jpg")},
+      {"/c.png", gifAnswer(Bytes(10), "unknown/binary")},
       {"/StyleNoBody.css", cssAnswer},
       {"/missing.gif", kNotFoundImage},
       {"/missing.css", kNotFoundPage},
       {"/wol", page},
       {"/WOL", page},
       {"/wol/", Resubmit("/wol/")},
-      {"/index.html?a=1&b=c+d", Resubmit("/index.html",
-                                         "<input type='hidden' name='a' value='1'>"
-                                         "<input type='hidden' name='b' value='c d'>")},
+      {"/index.html?a=1&b=c+d&q=<b>&n='x'&A=2",
+       Resubmit("/index.html",
+                "<input type='hidden' name='a' value='1'>"
+                "<input type='hidden' name='b' value='c d'>"
+                "<input type='hidden' name='q' value='&lt;b&gt;'>"
+                "<input type='hidden' name='n' value='&#39;x&#39;'>")},
       {"/../Config/tavrel.ini", Resubmit("/../Config/tavrel.ini")},
       {"/%2E%2E%2FConfig%2Ftavrel.ini", Resubmit("/../Config/tavrel.ini")},
       {"/../secret.css", kNotFoundPage},
       {"/%2E%2E/secret.gif", kNotFoundImage},
       {"/.%2E%5Csecret.css", kNotFoundPage},
+      {"/link.gif", kNotFoundImage},  // a link out of the folder
+      {"/c:%5Cled-Red.gif", kNotFoundImage},
   };
   for (const auto& c : cases) EXPECT_EQ(Masked(Ask(Get(c.target))), c.expected) << c.target;
+  // The Audrey gets a jump of its own; a post is resubmitted with its form fields, escaped.
+  EXPECT_EQ(Masked(Ask("GET /wol/?x=1 HTTP/1.1\r\nUser-Agent: Mozilla (QNX; audrey)\r\n\r\n")),
+            "HTTP/1.0 307 NoSupport\r\nServer: zel\r\nDate: @DATE@\r\nConnection: close\r\nContent-Type: "
+            "text/html\r\nLocation: http://127.0.0.9:8081/wol/\r\nContent-Length: 0\r\n\r\n");
+  EXPECT_EQ(
+      Masked(Ask("POST /Dir%5CPage.asp?q=1 HTTP/1.1\r\n\r\nname=A+%26+B&go=\"1\"&q=again")),
+      Resubmit("/Dir/Page.asp",
+               "<input type='hidden' name='q' value='1'><input type='hidden' name='name' value='A %26 B'>"
+               "<input type='hidden' name='go' value='&quot;1&quot;'><input type='hidden' name='q' "
+               "value='again'>",
+               "POSTx"));
+  // The debug log names each kind of answer.
+  for (const char* line :
+       {R"(\| >>>>>>>>>>> SendingBinaryHeader \\2500\.gif to socket \d+\r?\n)",
+        R"(\| >>>>>>>>>>> SendingBinaryData \\2500\.gif to socket \d+\r?\n)",
+        R"(\| >>>>>>>>>>> SendingTextFile \\stylenobody\.css to socket \d+ with length \d+\r?\n)",
+        R"(\| >>>>>>>>>>> SendingError  to socket \d+\r?\n)",
+        R"(>>>>>>>>>>> SendingTextString >>>>>> to socket \d+\r\nHTTP/1.1 200 OK\r\n)",
+        R"(\| >>>>>>>>>>> Resubmit/index\.html to location http://127\.0\.0\.9:8081/index\.html socket \d+)"})
+    EXPECT_TRUE(std::regex_search(ServerLog(), std::regex(line))) << line;
 }
 
 TEST_F(HttpTest, PostInTwoPacketsRenamesAComputer) {

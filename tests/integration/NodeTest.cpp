@@ -29,21 +29,21 @@ std::string Field(const std::string& text, const std::string& key) {
   return text.substr(at, text.find('\n', at) - at);
 }
 
-// A message as another node on the network would send it.
+// A message as another node on the network sends it, or (with the node's UID and source) as the node does.
 std::string Message(const std::string& cls, const std::string& source, const std::string& target,
-                    const std::string& block, const std::string& items) {
-  std::string text = "xap-header\n{\nv=12\nhop=1\nuid=FF123400\nclass=" + cls + "\nsource=" + source + "\n";
+                    const std::string& block, const std::string& items, const std::string& uid = "FF123400") {
+  std::string text =
+      "xap-header\n{\nv=12\nhop=1\nuid=" + uid + "\nclass=" + cls + "\nsource=" + source + "\n";
   if (!target.empty()) text += "target=" + target + "\n";
   return text + "}\n" + block + "\n{\n" + items + "}\n";
 }
-
-// What the node sends: header with its UID and source, then one block.
 std::string FromNode(const std::string& cls, const std::string& target, const std::string& block,
                      const std::string& items) {
-  std::string text =
-      "xap-header\n{\nv=12\nhop=1\nuid=FF001500\nclass=" + cls + "\nsource=" + NodeSource() + "\n";
-  if (!target.empty()) text += "target=" + target + "\n";
-  return text + "}\n" + block + "\n{\n" + items + "}\n";
+  return Message(cls, NodeSource(), target, block, items, "FF001500");
+}
+std::string Heartbeat(const std::string& state, int port) {
+  return "xap-hbeat\n{\nv=12\nhop=1\nuid=FF001500\nclass=xap-hbeat." + state + "\nsource=" + NodeSource() +
+         "\ninterval=600\nport=" + std::to_string(port) + "\n}\n";
 }
 
 bool IsClass(const std::string& text, const std::string& cls) { return Field(text, "class") == cls; }
@@ -63,8 +63,7 @@ class NodeTest : public ::testing::Test {
     EXPECT_FALSE(hb.empty()) << "no heartbeat";
     int port = std::atoi(Field(hb, "port").c_str());
     EXPECT_GT(port, 0);
-    EXPECT_EQ(hb, "xap-hbeat\n{\nv=12\nhop=1\nuid=FF001500\nclass=xap-hbeat.alive\nsource=" + NodeSource() +
-                      "\ninterval=600\nport=" + std::to_string(port) + "\n}\n");
+    EXPECT_EQ(hb, Heartbeat("alive", port));
     return port;
   }
 
@@ -87,8 +86,7 @@ TEST_F(NodeTest, StartsWithHeartbeatThenHeldReportsThenThePortEvent) {
   // A clean exit says so to the hub at once.
   node.Signal(SIGTERM);
   EXPECT_EQ(hub.ReceiveUntil([](const std::string& t) { return t.rfind("xap-hbeat", 0) == 0; }),
-            "xap-hbeat\n{\nv=12\nhop=1\nuid=FF001500\nclass=xap-hbeat.stopped\nsource=" + NodeSource() +
-                "\ninterval=600\nport=" + std::to_string(port) + "\n}\n");
+            Heartbeat("stopped", port));
   EXPECT_EQ(node.WaitExit(), 0);
   // This machine's own address went into section ARP.
   EXPECT_NE(node.Ini().find("[ARP]"), std::string::npos);

@@ -16,7 +16,6 @@ class ManualTimers final : public TimerFactory {
 
   std::unique_ptr<Timer> Create() override;
   void Advance(std::chrono::milliseconds by);
-  std::chrono::milliseconds Now() const { return now_; }
   size_t ArmedCount() const;
 
  private:

@@ -4,7 +4,6 @@
 #include <fstream>
 #include <iterator>
 #include <random>
-#include <stdexcept>
 #include <thread>
 
 namespace tavrel::test {
@@ -12,23 +11,16 @@ namespace tavrel::test {
 TempDir::TempDir() {
   static std::atomic<unsigned> counter{0};
   std::random_device rd;
-  auto base = std::filesystem::temp_directory_path();
-  for (int attempt = 0; attempt < 100; ++attempt) {
-    auto candidate = base / ("tavrel-test-" + std::to_string(rd()) + "-" + std::to_string(counter++));
-    if (std::filesystem::create_directory(candidate)) {
-      path_ = candidate;
-      return;
-    }
-  }
-  throw std::runtime_error("cannot create a temporary folder");
+  do {
+    path_ = std::filesystem::temp_directory_path() /
+            ("tavrel-test-" + std::to_string(rd()) + "-" + std::to_string(counter++));
+  } while (!std::filesystem::create_directory(path_));
 }
 
 TempDir::~TempDir() {
   std::error_code ec;
   std::filesystem::remove_all(path_, ec);
 }
-
-std::string TempDir::operator/(const std::string& relative) const { return (path_ / relative).string(); }
 
 std::string ReadFile(const std::filesystem::path& path) {
   std::ifstream in(path, std::ios::binary);

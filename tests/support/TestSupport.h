@@ -20,8 +20,6 @@ class TempDir {
   TempDir& operator=(const TempDir&) = delete;
 
   const std::filesystem::path& Path() const { return path_; }
-  // Path() / relative, as a string in the platform's form.
-  std::string operator/(const std::string& relative) const;
 
  private:
   std::filesystem::path path_;

@@ -12,8 +12,6 @@ namespace {
 
 using Names = std::vector<std::string>;
 
-const std::string kPrefix = "xap-header\n{\nv=12\nhop=1\nuid=FF001500\n";
-
 // A query as another node sends it, with untidy spacing in the header and the body.
 constexpr char kQuery[] =
     "XAP-HEADER\n{\nv=12\nhop=1\n uid = FF00AA00 \nclass=Computer.Process\nsource=zel.agent.pc7\n"
@@ -21,23 +19,6 @@ constexpr char kQuery[] =
 
 std::string Header(const XapMessage& m) {
   return m.msgUID + "|" + m.msgClass + "|" + m.msgSource + "|" + m.msgTarget;
-}
-
-TEST(XapMessageBuild, UnsetFieldsSectionsAndRepeatedHeaders) {
-  XapMessage m;
-  m.AddHeader(kPrefix);
-  m.AddSection("A");
-  m.AddItem("k", "v=w");
-  m.AddItem("Name", "");
-  m.AddSection("B");
-  EXPECT_EQ(m.ToXap(),
-            kPrefix + "class=Unknown\nsource=Unknown\ntarget=Unknown\n}\nA\n{\nk=v=w\nName=\n}\nB\n{\n}\n");
-  // An empty target writes no target line; each header is appended to the text.
-  m.ClearText();
-  m.msgTarget = "";
-  m.AddHeader("P\n");
-  m.AddHeader("Q\n");
-  EXPECT_EQ(m.ToXap(), "P\nclass=Unknown\nsource=Unknown\n}\nQ\nclass=Unknown\nsource=Unknown\n}\n}\n");
 }
 
 TEST(XapMessageParse, HeaderFieldsAreTrimmedAndBodyLinesKeptRaw) {
