@@ -8,7 +8,7 @@ set -euo pipefail
 build=(cmake ninja-build g++ pkg-config libasio-dev libsystemd-dev)
 test=("${build[@]}" libgtest-dev libgmock-dev googletest clang clang-format libclang-rt-14-dev
       g++-mingw-w64-x86-64-posix mingw-w64-tools wine wine64 xvfb xauth
-      iproute2 wakeonlan python3 util-linux chromium)
+      iproute2 wakeonlan python3 util-linux chromium dbus-daemon)
 bench=("${test[@]}" libbenchmark-dev arp-scan nmap wrk hyperfine nginx-light curl)
 
 case "${1:-test}" in

@@ -48,6 +48,7 @@ bool Tavrel::form_load() {
     httpPortSetting_ = hs_.GetINISetting("WOL", "HTTPPort", "8019", kIniFile);
     if (!StartXap()) return false;
     LoadIni();
+    ShowTrayIcon();
     RegisterOwnAddress();
     lanScan_ = std::make_unique<LanScan>(
         io_, timers_, table_, hs_, xapGlobal_, log_, [this] { return transport_->LocalIP(); }, home_);
@@ -146,6 +147,27 @@ void Tavrel::ReadSection(const char* section, bool computers) {
   }
 }
 
+std::vector<platform::TrayMenuEntry> Tavrel::MenuEntries() {
+  return {{"Browser"}, {"System Config"}, {"System Status"}, {"Query LAN"}, {"Help"}, {"-"}, {"Exit"}};
+}
+
+// The icon with its tip "WOL" and the menu. A session without a notification area (a service, a
+// server, --no-tray) runs the same program without it.
+void Tavrel::ShowTrayIcon() {
+  if (options_.noTray) return;
+  std::string whyNot;
+  tray_ = platform::OpenTray(io_, *this, platform::TrayConfig{"WOL", MenuEntries()}, whyNot);
+  if (!tray_) {
+    log_.WriteLog(kModule, "Running without a tray icon: " + whyNot);
+  } else if (!tray_->SetTrayIcon(true)) {
+    log_.WriteLog(kModule, "Running without a tray icon: the notification area refused it");
+  }
+}
+
+void Tavrel::TrayIconCallback(long msg) {
+  if ((msg == 514 || msg == 517) && tray_) tray_->PopupMenu();
+}
+
 // This machine's own entry in the ARP table, in memory and in the INI file.
 void Tavrel::RegisterOwnAddress() {
   const std::string mac = platform::LocalMac();
@@ -190,6 +212,7 @@ void Tavrel::MenuArray_Click(int index) {
 void Tavrel::Form_unload() {
   if (!exiting_) return;
   // Nothing is saved here: every change was written to the INI file when it was made.
+  if (tray_) tray_->SetTrayIcon(false);
   TakeDown();
   io_.stop();
 }

@@ -3,6 +3,7 @@
 #include <filesystem>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include <asio/io_context.hpp>
 
@@ -10,6 +11,7 @@
 #include "core/Clock.h"
 #include "core/ComputerTable.h"
 #include "core/Timer.h"
+#include "platform/Tray.h"
 #include "settings/Hs.h"
 #include "xap/XapGlobal.h"
 #include "xap/XapStartup.h"
@@ -26,7 +28,7 @@ class ServerLogFile;
 // The application: builds the shared state at start, starts the xAP node, reads the computer table and
 // from then on only reacts to xAP messages, the menu (tray or signals) and the scan timer. Owns every
 // part for the whole run; everything runs on the one thread of the io_context.
-class Tavrel {
+class Tavrel final : public platform::TrayOwner {
  public:
   struct Options {
     bool debug = false;
@@ -37,7 +39,7 @@ class Tavrel {
   enum Menu { kBrowser = 0, kSystemConfig = 1, kSystemStatus = 2, kQueryLan = 3, kHelp = 4, kExit = 6 };
 
   Tavrel(asio::io_context& io, std::filesystem::path home, const Clock& clock, Options options);
-  ~Tavrel();
+  ~Tavrel() override;
   Tavrel(const Tavrel&) = delete;
   Tavrel& operator=(const Tavrel&) = delete;
 
@@ -47,7 +49,9 @@ class Tavrel {
   // Hands the messages queued when it begins to the message handler; what arrives meanwhile waits for
   // the next call, so the loop has its turn in between. Does nothing when already draining.
   void onMessage();
-  void MenuArray_Click(int index);
+  // A left or right button up at the icon (514, 517) pops the menu up; other messages do nothing.
+  void TrayIconCallback(long msg) override;
+  void MenuArray_Click(int index) override;
   // With Exiting set: takes the parts down so the loop runs out. Without: nothing (the program stays).
   void Form_unload();
 
@@ -61,6 +65,10 @@ class Tavrel {
   XapTransport* Transport() { return transport_.get(); }
   LanScan* Scan() { return lanScan_.get(); }
   TCPServer* Server() { return server_.get(); }
+  platform::Tray* TrayIcon() { return tray_.get(); }
+
+  // The menu's entries by index; "-" is the separator.
+  static std::vector<platform::TrayMenuEntry> MenuEntries();
 
   // The xAP source address of this node.
   std::string XapSource() const { return "zel.WOL." + startup_.LocalComputerName; }
@@ -68,6 +76,7 @@ class Tavrel {
 
  private:
   bool StartXap();
+  void ShowTrayIcon();
   void RegisterOwnAddress();
   void StartServer();
   void TakeDown();
@@ -91,6 +100,7 @@ class Tavrel {
   std::unique_ptr<ServerLogFile> serverLog_;
   std::unique_ptr<RemoteASP> pages_;
   std::unique_ptr<TCPServer> server_;
+  std::unique_ptr<platform::Tray> tray_;
 
   bool exiting_ = false;
   bool xapStarted_ = false;

@@ -26,7 +26,7 @@ class TavrelTest : public ::testing::Test {
                                                                std::to_string(hub.local_endpoint().port()) +
                                                                "\n");
     if (!tavrelIni.empty()) test::WriteFile(home.Path() / "Config" / "tavrel.ini", tavrelIni);
-    app = std::make_unique<Tavrel>(io, home.Path(), clock, Tavrel::Options{});
+    app = std::make_unique<Tavrel>(io, home.Path(), clock, Tavrel::Options{.noTray = true});
     ASSERT_TRUE(app->form_load());
   }
   void From(const std::string& name) {

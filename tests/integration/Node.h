@@ -99,16 +99,34 @@ class Node {
     }
   }
 
-  // Starts the program; debug adds --debug (the server log in Data/tavrel/server.log).
-  void Start(bool debug = false) {
+  // Starts the program; debug adds --debug (the server log in Data/tavrel/server.log). With tray it may
+  // offer its icon; env entries NAME=value replace this process's variables, a bare NAME removes one.
+  void Start(bool debug = false, bool tray = false, const std::vector<std::string>& env = {}) {
     std::string home = Home().string();
-    const char* argv[] = {TAVREL_BINARY, "--home", home.c_str(), "--no-tray", debug ? "--debug" : nullptr,
-                          nullptr};
-    if (posix_spawn(&pid_, TAVREL_BINARY, nullptr, nullptr, const_cast<char**>(argv), environ) != 0) {
+    std::vector<const char*> argv = {TAVREL_BINARY, "--home", home.c_str()};
+    if (!tray) argv.push_back("--no-tray");
+    if (debug) argv.push_back("--debug");
+    argv.push_back(nullptr);
+    auto name = [](const std::string& e) { return e.substr(0, e.find('=')); };
+    std::vector<std::string> vars;
+    for (char** e = environ; *e != nullptr; ++e) {
+      const std::string var = *e;
+      bool replaced = false;
+      for (const auto& o : env) replaced = replaced || name(o) == name(var);
+      if (!replaced) vars.push_back(var);
+    }
+    for (const auto& o : env)
+      if (o.find('=') != std::string::npos) vars.push_back(o);
+    std::vector<char*> envp;
+    for (auto& v : vars) envp.push_back(v.data());
+    envp.push_back(nullptr);
+    if (posix_spawn(&pid_, TAVREL_BINARY, nullptr, nullptr, const_cast<char**>(argv.data()), envp.data()) !=
+        0) {
       throw std::runtime_error("cannot start the program");
     }
   }
   void Signal(int sig) { kill(pid_, sig); }
+  pid_t Pid() const { return pid_; }
   // The program's resident memory in KiB, from /proc.
   long RssKiB() const {
     std::string status = ReadFile("/proc/" + std::to_string(pid_) + "/status");

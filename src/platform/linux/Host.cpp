@@ -1,6 +1,7 @@
 #include "platform/Host.h"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <ifaddrs.h>
 #include <malloc.h>
 #include <net/if.h>
@@ -11,6 +12,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -83,12 +85,27 @@ std::filesystem::path UserDataFolder() {
 }
 
 bool OpenBrowser(const std::string& url) {
+  // A launcher may run a text browser in the foreground when there is no desktop, so it is never
+  // waited for: a short-lived shell starts it in the background, in a session of its own, with nothing
+  // to read and nowhere to write, and ends at once (only the shell is reaped here). The shell's code
+  // says whether xdg-open exists at all.
+  const char* argv[] = {"sh", "-c",        "command -v xdg-open >/dev/null || exit 127; xdg-open \"$1\" &",
+                        "sh", url.c_str(), nullptr};
+  posix_spawn_file_actions_t files;
+  posix_spawnattr_t attr;
+  posix_spawn_file_actions_init(&files);
+  posix_spawnattr_init(&attr);
+  for (int fd : {0, 1, 2})
+    posix_spawn_file_actions_addopen(&files, fd, "/dev/null", fd == 0 ? O_RDONLY : O_WRONLY, 0);
+  posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSID);
   pid_t pid = 0;
-  const char* argv[] = {"xdg-open", url.c_str(), nullptr};
-  if (posix_spawnp(&pid, "xdg-open", nullptr, nullptr, const_cast<char**>(argv), environ) != 0) return false;
-  // xdg-open returns quickly after handing the URL on; reap it so no zombie is left.
+  const int rc = posix_spawn(&pid, "/bin/sh", &files, &attr, const_cast<char**>(argv), environ);
+  posix_spawnattr_destroy(&attr);
+  posix_spawn_file_actions_destroy(&files);
+  if (rc != 0) return false;
   int status = 0;
-  waitpid(pid, &status, 0);
+  while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+  }
   return WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 

@@ -1,0 +1,286 @@
+// The tray icon on a private session bus, the test playing the tray host (the StatusNotifierWatcher).
+#include <fcntl.h>
+#include <systemd/sd-bus.h>
+
+#include <cstdarg>
+#include <memory>
+
+#include <gtest/gtest.h>
+
+#include "Node.h"
+
+namespace tavrel::test {
+namespace {
+
+constexpr char kWatcher[] = "org.kde.StatusNotifierWatcher";
+constexpr char kDaemon[] = "/usr/bin/dbus-daemon";
+
+// A dbus-daemon of the test's own, ended by its pid.
+class PrivateBus {
+ public:
+  PrivateBus() {
+    int out[2];
+    if (access(kDaemon, X_OK) != 0 || pipe2(out, O_CLOEXEC) != 0) return;
+    posix_spawn_file_actions_t files;
+    posix_spawn_file_actions_init(&files);
+    posix_spawn_file_actions_adddup2(&files, out[1], 1);
+    posix_spawn_file_actions_addopen(&files, 2, "/dev/null", O_WRONLY, 0);  // its notes on fd limits
+    const char* argv[] = {kDaemon, "--session", "--nofork", "--print-address", nullptr};
+    if (posix_spawn(&pid_, kDaemon, &files, nullptr, const_cast<char**>(argv), environ) != 0) pid_ = -1;
+    posix_spawn_file_actions_destroy(&files);
+    close(out[1]);
+    char c = 0;
+    pollfd p{out[0], POLLIN, 0};
+    while (pid_ > 0 && poll(&p, 1, 5000) == 1 && read(out[0], &c, 1) == 1 && c != '\n') address_ += c;
+    close(out[0]);
+  }
+  ~PrivateBus() {
+    if (pid_ <= 0) return;
+    kill(pid_, SIGTERM);
+    waitpid(pid_, nullptr, 0);
+  }
+  const std::string& Address() const { return address_; }
+
+ private:
+  pid_t pid_ = -1;
+  std::string address_;
+};
+
+// The tray host on the test's bus: it records every item registered with it.
+class Host {
+ public:
+  explicit Host(const std::string& address) {
+    sd_bus_new(&bus_);
+    sd_bus_set_address(bus_, address.c_str());
+    sd_bus_set_bus_client(bus_, 1);
+    if (sd_bus_start(bus_) < 0) throw std::runtime_error("cannot reach the test bus");
+    static const sd_bus_vtable kVtable[] = {SD_BUS_VTABLE_START(0),
+                                            SD_BUS_METHOD("RegisterStatusNotifierItem", "s", "", Register, 0),
+                                            SD_BUS_VTABLE_END};
+    if (sd_bus_add_object_vtable(bus_, nullptr, "/StatusNotifierWatcher", kWatcher, kVtable, this) < 0 ||
+        sd_bus_request_name(bus_, kWatcher, 0) < 0)
+      throw std::runtime_error("cannot play the tray host");
+  }
+  // The host going away and coming back, as a panel does when it restarts.
+  void Restart() {
+    sd_bus_release_name(bus_, kWatcher);
+    sd_bus_request_name(bus_, kWatcher, 0);
+  }
+  ~Host() { sd_bus_flush_close_unref(bus_); }
+
+  // Serves the bus until cond holds or the deadline passes.
+  bool Serve(const std::function<bool()>& cond) {
+    for (auto end = steady_clock::now() + 5s; steady_clock::now() < end;) {
+      while (sd_bus_process(bus_, nullptr) > 0) {
+      }
+      if (cond()) return true;
+      sd_bus_wait(bus_, 20'000);
+    }
+    return false;
+  }
+  // A property of the item as its sd-bus message, entered into the variant.
+  sd_bus_message* Property(const char* name, const char* type) {
+    sd_bus_message* reply = nullptr;
+    sd_bus_get_property(bus_, items[0].c_str(), "/StatusNotifierItem", "org.kde.StatusNotifierItem", name,
+                        nullptr, &reply, type);
+    replies_.emplace_back(reply, sd_bus_message_unref);
+    return reply;
+  }
+  std::string Text(const char* name, const char* type = "s") {
+    const char* text = "?";
+    sd_bus_message_read(Property(name, type), type, &text);
+    return text;
+  }
+  sd_bus_message* Call(const char* path, const char* method, const char* types, ...) {
+    sd_bus_message *call = nullptr, *reply = nullptr;
+    sd_bus_message_new_method_call(bus_, &call, items[0].c_str(), path, "com.canonical.dbusmenu", method);
+    va_list args;
+    va_start(args, types);
+    sd_bus_message_appendv(call, types, args);
+    va_end(args);
+    sd_bus_call(bus_, call, 2'000'000, nullptr, &reply);
+    sd_bus_message_unref(call);
+    replies_.emplace_back(reply, sd_bus_message_unref);
+    return reply;
+  }
+  bool HasOwner(const std::string& name) {
+    int owned = -1;
+    sd_bus_message* reply = nullptr;
+    sd_bus_call_method(bus_, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+                       "NameHasOwner", nullptr, &reply, "s", name.c_str());
+    sd_bus_message_read(reply, "b", &owned);
+    sd_bus_message_unref(reply);
+    return owned == 1;
+  }
+
+  std::vector<std::string> items;
+
+ private:
+  static int Register(sd_bus_message* m, void* self, sd_bus_error*) {
+    const char* service = nullptr;
+    sd_bus_message_read(m, "s", &service);
+    static_cast<Host*>(self)->items.emplace_back(service != nullptr ? service : "");
+    return sd_bus_reply_method_return(m, "");
+  }
+
+  sd_bus* bus_ = nullptr;
+  std::vector<std::unique_ptr<sd_bus_message, sd_bus_message* (*)(sd_bus_message*)>> replies_;
+};
+
+int FreeTcpPort() {
+  int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in a = Hub::Loopback(0);
+  socklen_t len = sizeof a;
+  bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a);
+  getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
+  close(fd);
+  return ntohs(a.sin_port);
+}
+
+// The first line of the answer to GET /wol ("" when nothing answers).
+std::string StatusOfPage(int port) {
+  int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in to = Hub::Loopback(port);
+  std::string got;
+  const std::string get = "GET /wol HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n";
+  if (connect(fd, reinterpret_cast<sockaddr*>(&to), sizeof to) == 0 &&
+      send(fd, get.data(), get.size(), 0) == ssize_t(get.size())) {
+    char buf[256];
+    pollfd p{fd, POLLIN, 0};
+    ssize_t n = poll(&p, 1, 2000) == 1 ? recv(fd, buf, sizeof buf, 0) : 0;
+    if (n > 0) got.assign(buf, static_cast<size_t>(n));
+  }
+  close(fd);
+  return got.substr(0, got.find('\r'));
+}
+
+class TrayTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (bus.Address().empty()) GTEST_SKIP() << "needs " << kDaemon << " (Debian package dbus-daemon)";
+  }
+  void StartNode(const std::vector<std::string>& env) {
+    node = std::make_unique<Node>(
+        hub.Port(), "[WOL]\nHTTPPort=" + std::to_string(httpPort) + "\nSubnet=127.0.0\nScanMethod=native\n");
+    node->Start(false, true, env);
+  }
+  std::string Log() const { return ReadFile(node->Home() / "Data" / "tavrel.txt"); }
+
+  PrivateBus bus;
+  Hub hub;
+  int httpPort = FreeTcpPort();
+  std::unique_ptr<Node> node;
+};
+
+// Each menu item of a GetLayout answer as its label, "-" for a separator, "(off)" added when disabled.
+std::vector<std::string> MenuItems(sd_bus_message* m, std::vector<int>& ids) {
+  std::vector<std::string> items;
+  unsigned revision = 0;
+  int id = 0;
+  sd_bus_message_read(m, "u", &revision);
+  sd_bus_message_enter_container(m, 'r', "ia{sv}av");
+  sd_bus_message_skip(m, "ia{sv}");
+  sd_bus_message_enter_container(m, 'a', "v");
+  while (sd_bus_message_enter_container(m, 'v', "(ia{sv}av)") > 0) {
+    sd_bus_message_enter_container(m, 'r', "ia{sv}av");
+    sd_bus_message_read(m, "i", &id);
+    ids.push_back(id);
+    std::string label, type = "standard", enabled;
+    sd_bus_message_enter_container(m, 'a', "{sv}");
+    const char *key = nullptr, *text = nullptr;
+    int flag = 1;
+    while (sd_bus_message_enter_container(m, 'e', "sv") > 0) {
+      sd_bus_message_read(m, "s", &key);
+      const std::string k = key;
+      if (k == "enabled") {
+        sd_bus_message_read(m, "v", "b", &flag);
+        enabled = flag ? "" : "(off)";
+      } else if (sd_bus_message_read(m, "v", "s", &text) >= 0) {
+        (k == "label" ? label : type) = text;
+      }
+      sd_bus_message_exit_container(m);
+    }
+    sd_bus_message_exit_container(m);
+    sd_bus_message_skip(m, "av");
+    sd_bus_message_exit_container(m);
+    sd_bus_message_exit_container(m);
+    items.push_back((type == "separator" ? "-" + label : type == "standard" ? label : "?") + enabled);
+  }
+  return items;
+}
+
+TEST_F(TrayTest, TheHostSeesTheIconAndItsMenuAndTheMenuDrivesTheProgram) {
+  Host host(bus.Address());
+  StartNode({"DBUS_SESSION_BUS_ADDRESS=" + bus.Address()});
+  ASSERT_TRUE(host.Serve([&] { return !host.items.empty(); })) << "the item never registered\n" << Log();
+  EXPECT_EQ(host.items[0], "org.kde.StatusNotifierItem-" + std::to_string(node->Pid()) + "-1");
+
+  // A host that starts again learns of the item again.
+  host.Restart();
+  EXPECT_TRUE(host.Serve([&] { return host.items.size() == 2; })) << "not registered again";
+
+  EXPECT_EQ(host.Text("Id") + "|" + host.Text("Category") + "|" + host.Text("Title") + "|" +
+                host.Text("Status") + "|" + host.Text("Menu", "o"),
+            "tavrel|ApplicationStatus|WOL|Active|/MenuBar");
+  sd_bus_message* tip = host.Property("ToolTip", "(sa(iiay)ss)");
+  const char *tipIcon = nullptr, *tipTitle = nullptr, *tipText = nullptr;
+  sd_bus_message_enter_container(tip, 'r', "sa(iiay)ss");
+  sd_bus_message_read(tip, "s", &tipIcon);
+  sd_bus_message_skip(tip, "a(iiay)");
+  sd_bus_message_read(tip, "ss", &tipTitle, &tipText);
+  EXPECT_STREQ(tipTitle, "WOL");
+
+  // Every size drawn in full: a lit green centre on a transparent ground.
+  sd_bus_message* pixmaps = host.Property("IconPixmap", "a(iiay)");
+  std::vector<std::string> sizes;
+  sd_bus_message_enter_container(pixmaps, 'a', "(iiay)");
+  int w = 0, h = 0;
+  while (sd_bus_message_enter_container(pixmaps, 'r', "iiay") > 0) {
+    const void* data = nullptr;
+    size_t bytes = 0;
+    sd_bus_message_read(pixmaps, "ii", &w, &h);
+    sd_bus_message_read_array(pixmaps, 'y', &data, &bytes);
+    sd_bus_message_exit_container(pixmaps);
+    const auto* px = static_cast<const uint8_t*>(data);
+    const size_t centre = static_cast<size_t>((h / 2 * w + w / 2) * 4);
+    const bool drawn = bytes == size_t(w * h * 4) && px[0] == 0 && px[centre] == 255 &&
+                       px[centre + 2] > 2 * px[centre + 1] && px[centre + 2] > 2 * px[centre + 3];
+    sizes.push_back(std::to_string(w) + "x" + std::to_string(h) + (drawn ? "" : " wrong"));
+  }
+  EXPECT_EQ(sizes, (std::vector<std::string>{"16x16", "22x22", "32x32", "48x48"}));
+
+  std::vector<int> ids;
+  EXPECT_EQ(MenuItems(host.Call("/MenuBar", "GetLayout", "iias", 0, -1, 0), ids),
+            (std::vector<std::string>{"Browser", "System Config", "System Status", "Query LAN", "Help", "-",
+                                      "Exit"}));
+  ASSERT_EQ(ids.size(), 7u);
+
+  // "Query LAN" asks the network for its computers.
+  host.Call("/MenuBar", "Event", "isvu", ids[3], "clicked", "i", 0, 0u);
+  EXPECT_NE(hub.ReceiveUntil(
+                [](const std::string& t) { return t.find("\nComputer.Query\n{\nQuery=All\n}") != t.npos; }),
+            "");
+  // "Exit" ends the program cleanly, and the icon leaves the bus with it.
+  host.Call("/MenuBar", "Event", "isvu", ids[6], "clicked", "i", 0, 0u);
+  EXPECT_EQ(node->WaitExit(), 0);
+  EXPECT_FALSE(host.HasOwner(host.items[0]));
+  EXPECT_EQ(Log().find("tray"), std::string::npos) << Log();
+}
+
+// No session bus, or one without a tray host: the program runs on without an icon and says so once.
+TEST_F(TrayTest, WithoutASessionBusOrATrayHostTheProgramRunsHeadless) {
+  const std::pair<std::vector<std::string>, std::string> cases[] = {
+      {{"DBUS_SESSION_BUS_ADDRESS", "XDG_RUNTIME_DIR"}, "no session bus"},
+      {{"DBUS_SESSION_BUS_ADDRESS=" + bus.Address()}, "no tray host"},
+  };
+  for (const auto& [env, why] : cases) {
+    StartNode(env);
+    EXPECT_TRUE(WaitFor([&] { return StatusOfPage(httpPort) == "HTTP/1.1 200 OK"; })) << why;
+    EXPECT_EQ(Log(), "tavrel Running without a tray icon: " + why + " 0 \n");
+    node->Signal(SIGTERM);
+    EXPECT_EQ(node->WaitExit(), 0) << why;
+  }
+}
+
+}  // namespace
+}  // namespace tavrel::test
