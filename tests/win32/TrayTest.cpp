@@ -75,13 +75,21 @@ class TrayTest : public ::testing::Test {
   HWND window = nullptr;
 };
 
-TEST_F(TrayTest, IconIsAddedModifiedAndRemovedOnce) {
+TEST_F(TrayTest, IconIsAddedModifiedRemovedAndGoesWithTheTray) {
   EXPECT_TRUE(tray->SetTrayIcon(true));  // add
   EXPECT_TRUE(tray->SetTrayIcon(true));  // modify
   EXPECT_TRUE(tray->SetTrayIcon(false));
   NOTIFYICONDATAA data = Record();
   EXPECT_FALSE(Shell_NotifyIconA(NIM_DELETE, &data)) << "the icon was left in the notification area";
   EXPECT_TRUE(tray->SetTrayIcon(false));  // nothing left to remove
+
+  ASSERT_TRUE(tray->SetTrayIcon(true));
+  SendMessageA(window, WM_CLOSE, 0, 0);  // only hides the window
+  EXPECT_TRUE(IsWindow(window));
+  EXPECT_FALSE(IsWindowVisible(window));
+  tray.reset();
+  EXPECT_FALSE(IsWindow(window));
+  EXPECT_FALSE(Shell_NotifyIconA(NIM_DELETE, &data)) << "the icon outlived the tray";
 }
 
 TEST_F(TrayTest, MouseMessagesAndCommandsReachTheOwnerOnTheLoop) {
@@ -99,17 +107,6 @@ TEST_F(TrayTest, MouseMessagesAndCommandsReachTheOwnerOnTheLoop) {
   ASSERT_TRUE(RunUntil([&] { return owner.clicks.size() == 2; }));
   io.poll();
   EXPECT_THAT(owner.clicks, ElementsAre(6, 3));
-}
-
-TEST_F(TrayTest, ClosingTheWindowOnlyHidesItAndTheIconGoesWithTheTray) {
-  ASSERT_TRUE(tray->SetTrayIcon(true));
-  SendMessageA(window, WM_CLOSE, 0, 0);
-  EXPECT_TRUE(IsWindow(window));
-  EXPECT_FALSE(IsWindowVisible(window));
-  tray.reset();
-  EXPECT_FALSE(IsWindow(window));
-  NOTIFYICONDATAA data = Record();
-  EXPECT_FALSE(Shell_NotifyIconA(NIM_DELETE, &data)) << "the icon outlived the tray";
 }
 
 TEST_F(TrayTest, IconComesBackWhenTheTaskbarIsCreatedAgain) {

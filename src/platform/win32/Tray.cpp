@@ -117,7 +117,7 @@ class Win32Tray final : public Tray {
     taskbarCreated_ = RegisterWindowMessageA("TaskbarCreated");
     std::promise<std::string> started;
     std::future<std::string> result = started.get_future();
-    thread_ = std::thread([this, &started] { Run(started); });
+    thread_ = std::thread([this, started = std::move(started)]() mutable { Run(started); });
     whyNot = result.get();
     if (whyNot.empty() && !FindWindowA("Shell_TrayWnd", nullptr)) {
       whyNot = "no notification area on this desktop (no taskbar)";
