@@ -36,6 +36,7 @@ test-windows:
 	cmake --preset windows >/dev/null
 	cmake --build --preset windows -j $(JOBS)
 	scripts/wine-ctest.sh
+	tests/wine/smoke.sh build/windows/tavrel.exe
 
 bench:
 	@scripts/deps.sh bench
