@@ -1,6 +1,7 @@
 # Thin wrapper over the CMake presets. `make run` builds and starts the service; `make test` builds and
-# runs every test (Linux debug, sanitizers, and the Windows build under Wine).
-.PHONY: deps deps-build run build test test-dev test-asan test-windows test-fuzz test-format bench fuzz format clean
+# runs every test (Linux debug, sanitizers, and the Windows build under Wine); `make package` builds the
+# Debian package and the Windows zip into build/packages.
+.PHONY: deps deps-build package run build test test-dev test-asan test-windows test-fuzz test-format bench fuzz format clean
 
 JOBS ?= $(shell nproc)
 
@@ -13,6 +14,18 @@ deps-build:
 build: deps-build
 	cmake --preset release >/dev/null
 	cmake --build --preset release -j $(JOBS)
+
+# Linux: tavrel_VERSION_ARCH.deb from the release build; Windows: tavrel-VERSION-win64.zip from the cross build.
+package:
+	@scripts/deps.sh package
+	cmake --preset release >/dev/null
+	cmake --build --preset release -j $(JOBS)
+	cmake --preset windows >/dev/null
+	cmake --build --preset windows -j $(JOBS) --target tavrel
+	cd build/release && cpack -G DEB -B ../packages
+	cd build/windows && cpack -G ZIP -B ../packages
+	rm -rf build/packages/_CPack_Packages
+	@ls -l build/packages
 
 run: build
 	./build/release/tavrel $(ARGS)
@@ -30,7 +43,7 @@ test-dev:
 test-asan:
 	cmake --preset asan >/dev/null
 	cmake --build --preset asan -j $(JOBS)
-	ctest --preset asan -j $(JOBS) -LE netns
+	ctest --preset asan -j $(JOBS) -LE 'netns|package'
 
 test-windows:
 	cmake --preset windows >/dev/null

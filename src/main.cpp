@@ -12,6 +12,7 @@
 
 #include "Version.h"
 #include "app/CommandLine.h"
+#include "app/StartupLine.h"
 #include "app/Tavrel.h"
 #include "lan/ComputerActions.h"
 #include "lan/NativeSweep.h"
@@ -87,6 +88,8 @@ int RunService(const CommandLine& cmd) {
     std::cerr << "tavrel: start-up failed; see " << app.Reports().FilePath().string() << "\n";
     return 1;
   }
+  // One line on standard error (a terminal, or the journal under systemd) saying what now runs.
+  std::cerr << StartupLine(app, home);
   io.run();
   return 0;
 }

@@ -84,6 +84,8 @@ std::string UsageText() {
          "  --no-tray    no notification-area icon: run headless, as a service (without a desktop, a\n"
          "               session bus or a tray host that is the way it runs anyway)\n"
          "\n"
+         "Once started, the service prints one line on standard error: its xAP address and port, the\n"
+         "page's address and its home folder.\n"
          "While running: the page is at http://localhost:8019/wol (\"HTTPPort\" of section WOL in\n"
          "Config/tavrel.ini). SIGINT or SIGTERM exits (the tray menu's \"Exit\"); on Linux SIGUSR1\n"
          "starts a LAN scan (the tray menu's \"Query LAN\").\n";

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <signal.h>
@@ -120,10 +121,27 @@ class Node {
     std::vector<char*> envp;
     for (auto& v : vars) envp.push_back(v.data());
     envp.push_back(nullptr);
-    if (posix_spawn(&pid_, TAVREL_BINARY, nullptr, nullptr, const_cast<char**>(argv.data()), envp.data()) !=
-        0) {
-      throw std::runtime_error("cannot start the program");
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    const std::string errFile = (Home() / "stderr.txt").string();
+    if (captureStderr_) {
+      posix_spawn_file_actions_addopen(&actions, 2, errFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
     }
+    const int failed =
+        posix_spawn(&pid_, TAVREL_BINARY, &actions, nullptr, const_cast<char**>(argv.data()), envp.data());
+    posix_spawn_file_actions_destroy(&actions);
+    if (failed != 0) throw std::runtime_error("cannot start the program");
+  }
+  // Before Start: the program's standard error goes to a file, read by StderrLine.
+  void CaptureStderr() { captureStderr_ = true; }
+  // The first line the program wrote to standard error, or "" when none came before the deadline.
+  std::string StderrLine() const {
+    for (auto end = steady_clock::now() + 5s; steady_clock::now() < end;) {
+      std::string text = ReadFile(Home() / "stderr.txt");
+      if (size_t nl = text.find('\n'); nl != std::string::npos) return text.substr(0, nl + 1);
+      std::this_thread::sleep_for(10ms);
+    }
+    return {};
   }
   void Signal(int sig) { kill(pid_, sig); }
   pid_t Pid() const { return pid_; }
@@ -153,6 +171,7 @@ class Node {
  private:
   TempDir home_;
   pid_t pid_ = -1;
+  bool captureStderr_ = false;
 };
 
 }  // namespace tavrel::test
