@@ -493,7 +493,7 @@ std::unique_ptr<Tray> OpenTray(asio::io_context& io, TrayOwner& owner, TrayConfi
   }
   sd_bus_set_method_call_timeout(bus, kCallTimeoutUsec);
   // Asked of the bus itself, which answers at once; a host that is slow to answer us is never waited for.
-  sd_bus_error error = SD_BUS_ERROR_NULL;
+  sd_bus_error error{};  // SD_BUS_ERROR_NULL, without the compound literal clang refuses in C++
   sd_bus_message* reply = nullptr;
   int hasHost = 0;
   int r = sd_bus_call_method(bus, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
