@@ -36,64 +36,24 @@
 #include <thread>
 #include <vector>
 
+#include "LoopbackUdp.h"
+
 extern char** environ;
 
 namespace {
+
+using bench::Field;
+using bench::Loopback;
+using bench::PortOf;
+using bench::Recv;
+using bench::SendTo;
+using bench::UdpSocket;
 
 namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
 double Ms(Clock::duration d) { return std::chrono::duration<double, std::milli>(d).count(); }
-
-sockaddr_in Loopback(int port) {
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_port = htons(static_cast<uint16_t>(port));
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  return a;
-}
-
-int UdpSocket() {
-  int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  int size = 8 << 20;
-  if (setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &size, sizeof size) != 0) {
-    setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &size, sizeof size);
-  }
-  sockaddr_in a = Loopback(0);
-  if (bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0) {
-    std::perror("bind");
-    std::exit(1);
-  }
-  return fd;
-}
-
-int PortOf(int fd) {
-  sockaddr_in a{};
-  socklen_t len = sizeof a;
-  getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
-  return ntohs(a.sin_port);
-}
-
-void SendTo(int fd, int port, const std::string& text) {
-  sockaddr_in to = Loopback(port);
-  sendto(fd, text.data(), text.size(), 0, reinterpret_cast<sockaddr*>(&to), sizeof to);
-}
-
-std::string Recv(int fd, int timeoutMs) {
-  pollfd p{fd, POLLIN, 0};
-  if (poll(&p, 1, timeoutMs) <= 0) return {};
-  char buf[4096];
-  ssize_t n = recv(fd, buf, sizeof buf, 0);
-  return n > 0 ? std::string(buf, static_cast<size_t>(n)) : std::string();
-}
-
-std::string Field(const std::string& text, const std::string& key) {
-  size_t at = text.find("\n" + key + "=");
-  if (at == std::string::npos) return {};
-  at += key.size() + 2;
-  return text.substr(at, text.find('\n', at) - at);
-}
 
 std::string Message(const std::string& cls, const std::string& source, const std::string& block,
                     const std::string& items) {
