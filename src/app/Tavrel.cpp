@@ -93,9 +93,12 @@ void Tavrel::StartServer() {
   CreateFolders((home_ / "Data" / "tavrel" / "x").string(), log_);
   if (options_.debug)
     serverLog_ = std::make_unique<ServerLogFile>(home_ / "Data" / "tavrel" / "server.log", clock_);
-  pages_ = std::make_unique<RemoteASP>(PageContext{
-      table_, hs_, clock_, log_,
-      PageActions::ForLan(*lanScan_, xapGlobal_, log_, [this] { return transport_->LocalIP(); })});
+  // A user with the framework's script pages switches them on with ScriptPages=1.
+  scripts_ = std::make_unique<HTMLIncludes>(home_, hs_, log_);
+  pages_ = std::make_unique<RemoteASP>(
+      PageContext{table_, hs_, clock_, log_,
+                  PageActions::ForLan(*lanScan_, xapGlobal_, log_, [this] { return transport_->LocalIP(); }),
+                  scripts_.get(), hs_.GetINISetting("WOL", "ScriptPages", "0", kIniFile) == "1"});
   TCPServer::Settings settings;
   settings.httpPort = httpPortSetting_;
   settings.hsAddress = hs_.GetINISetting("WOL", "HSAddress", "127.0.0.1", kIniFile);

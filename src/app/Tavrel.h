@@ -21,6 +21,7 @@ namespace tavrel {
 class XapTransport;
 class XapHandler;
 class LanScan;
+class HTMLIncludes;
 class RemoteASP;
 class TCPServer;
 class ServerLogFile;
@@ -98,6 +99,8 @@ class Tavrel final : public platform::TrayOwner {
   std::unique_ptr<XapHandler> handler_;
   std::unique_ptr<LanScan> lanScan_;
   std::unique_ptr<ServerLogFile> serverLog_;
+  // The script page host; it creates nothing unless "ScriptPages" is on and a page is requested.
+  std::unique_ptr<HTMLIncludes> scripts_;
   std::unique_ptr<RemoteASP> pages_;
   std::unique_ptr<TCPServer> server_;
   std::unique_ptr<platform::Tray> tray_;

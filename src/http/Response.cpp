@@ -253,6 +253,7 @@ bool Response::SendText(std::string answer) {
   socket_.SetTag("0");
   if (socket_.State() != ConnectionSink::kConnected) return false;
   socket_.SendData(std::move(answer));
+  answered_ = true;
   return true;
 }
 

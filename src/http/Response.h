@@ -92,6 +92,8 @@ class Response {
   Response(ConnectionSink& socket, Context ctx) : socket_(socket), ctx_(std::move(ctx)) {}
 
   int index() const { return socket_.Index(); }
+  // True once an answer has gone to the connection (a script page may answer by itself).
+  bool Answered() const { return answered_; }
 
   // A generated page.
   void SendTextString(const std::string& text);
@@ -119,6 +121,7 @@ class Response {
 
   ConnectionSink& socket_;
   Context ctx_;
+  bool answered_ = false;
 };
 
 }  // namespace tavrel

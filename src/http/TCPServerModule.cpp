@@ -167,7 +167,8 @@ void TCPServerModule::Route(Request& request, ConnectionSlot& slot) {
       return;
     }
     const std::string text = ctx_.pages->RemotePage(request, response);
-    if (!text.empty()) response.SendTextString(text);
+    // A page whose script already answered through Response gets no second answer.
+    if (!text.empty() && !response.Answered()) response.SendTextString(text);
   } else {
     WriteServerLog("User Agent " + request.ServerVariables("http_user_agent"));
     response.RedirectToHS(ctx_.hsAddress + ":" + ctx_.hsWebPort, request);

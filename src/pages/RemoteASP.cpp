@@ -57,14 +57,13 @@ std::string RemoteASP::RemotePage(Request& request, Response& response) {
   try {
     currentRequest_ = &request;
     currentResponse_ = &response;
-    if (ctx_.scriptPagesEnabled) {
-      // The framework steps would run as script routines here; without a script host the page fails
-      // the way a failing step does.
-      throw RunTimeError(429, "The script host is not available");
+    if (ScriptPagesEnabled()) {
+      RunScriptSteps(request, response);
+    } else {
+      XStartMiscFunctionsASP();
+      XSecurityCheck();
+      touchscreenClient_ = xStartHeaderASP();
     }
-    XStartMiscFunctionsASP();
-    XSecurityCheck();
-    touchscreenClient_ = xStartHeaderASP();
     result = ManagementPage();
   } catch (const std::exception& e) {
     ctx_.reporter.ReportEvent(kModule, "RemotePage", ErrOf(e));
@@ -72,7 +71,28 @@ std::string RemoteASP::RemotePage(Request& request, Response& response) {
   // The request and the response end with this call.
   currentRequest_ = nullptr;
   currentResponse_ = nullptr;
+  if (scriptRequest_) scriptRequest_->Detach();
+  if (scriptResponse_) scriptResponse_->Detach();
   return result;
+}
+
+void RemoteASP::RunScriptSteps(Request& request, Response& response) {
+  if (!ctx_.scripts) throw RunTimeError(91, "Object variable or With block variable not set");
+  HTMLIncludes& scripts = *ctx_.scripts;
+  scriptRequest_ = std::make_shared<RequestObject>(request);
+  scriptResponse_ = std::make_shared<ResponseObject>(response);
+  const std::vector<platform::ScriptValue> objects{std::shared_ptr<platform::ScriptObject>(scriptRequest_),
+                                                   std::shared_ptr<platform::ScriptObject>(scriptResponse_)};
+  if (!scripts.ScriptInitialised()) {
+    scripts.HTMLInit();
+    scripts.Run("setObjects", objects);
+    scripts.HTMLBuild();
+    scripts.Run("startmiscfunctionsasp");
+  } else {
+    scripts.Run("setObjects", objects);
+  }
+  scripts.Run("SecurityCheck");
+  touchscreenClient_ = ScriptBool(scripts.Run("startheaderasp"));
 }
 
 void RemoteASP::XStartMiscFunctionsASP() {
@@ -109,41 +129,61 @@ std::string RemoteASP::ManagementPage() {
   return MainPage();
 }
 
+template <class Step>
+void RemoteASP::Guarded(std::string_view label, Step step) {
+  try {
+    step();
+  } catch (const std::exception& e) {
+    ctx_.reporter.ReportEvent(kModule, label, ErrOf(e));
+  }
+}
+
 std::string RemoteASP::MainPage() {
   FastString page;
   page.Append("<html><head>");
-  FastString title;
-  title.Append("Tavrel&nbsp;&nbsp;<small><font size='1'></b>");
-  title.Append(" V" + std::to_string(kVersionMajor) + "." + std::to_string(kVersionMinor) + "." +
-               std::to_string(kVersionRevision));
-  title.Append("</font></small>");
-  page.Append(CustomHeader({title.ToString(), "", "#000000", "x", "StyleNoBody.css"}));
+  Guarded("MainPage", [&] {
+    FastString title;
+    title.Append("Tavrel&nbsp;&nbsp;<small><font size='1'></b>");
+    title.Append(" V" + std::to_string(kVersionMajor) + "." + std::to_string(kVersionMinor) + "." +
+                 std::to_string(kVersionRevision));
+    title.Append("</font></small>");
+    page.Append(CustomHeader({title.ToString(), "", "#000000", "x", "StyleNoBody.css"}));
+  });
   page.Append("<div><center><small>");
   for (const std::string& notice : notices_) page.Append("<p>" + notice + "</p>");
   page.Append("<table><tr><table>");
   page.Append("<form name='exe' method='post'>");
   page.Append("<input type='hidden' name='clientinput' value='yes'>");
-  page.Append(FormatCell("<input type='submit' name ='UpdateButton' value='Refresh'>", "TABLEROWEVEN", "1",
-                         "Center"));
+  const auto cell = [&](std::string content) {
+    Guarded("MainPage", [&] { page.Append(FormatCell(content, "TABLEROWEVEN", "1", "Center")); });
+  };
+  cell("<input type='submit' name ='UpdateButton' value='Refresh'>");
   if (!(ctx_.actions.ProcessExists && ctx_.actions.ProcessExists())) {
-    page.Append(FormatCell("<input type='submit' name ='QueryLAN' value='Query LAN'>", "TABLEROWEVEN", "1",
-                           "Center"));
+    cell("<input type='submit' name ='QueryLAN' value='Query LAN'>");
   }
-  page.Append(
-      FormatCell("<input type='submit' name ='Save' value='Save Changes'>", "TABLEROWEVEN", "1", "Center"));
+  cell("<input type='submit' name ='Save' value='Save Changes'>");
   page.Append("</table><table><tr>");
   const std::string localIP = ctx_.actions.LocalIP ? ctx_.actions.LocalIP() : std::string();
   const size_t lastDot = localIP.rfind('.');
   const std::string subnets =
       Setting("Subnet", lastDot == std::string::npos ? std::string() : localIP.substr(0, lastDot));
-  page.Append(FormatCell("Comma-separated subnets&nbsp;<input type='text' size='70' value='" +
-                             HtmlEscape(subnets) + "' name='subnet'>",
-                         "TABLEROWEVEN", "1", "Center"));
+  cell("Comma-separated subnets&nbsp;<input type='text' size='70' value='" + HtmlEscape(subnets) +
+       "' name='subnet'>");
   page.Append("</tr></table><table>");
   WriteTableHeader(page);
   page.Append("</form></small></table></center></div>");
+  Guarded("MainPage", [&] { page.Append(CustomFooter()); });
   page.Append("</body></html>");
   return std::move(page).ToString();
+}
+
+std::string RemoteASP::CustomHeader(const std::vector<std::string>& values) const {
+  if (!ScriptPagesEnabled()) return tavrel::CustomHeader(values);
+  return ScriptText(ctx_.scripts->Run("CustomHeader", {values}));
+}
+
+std::string RemoteASP::CustomFooter() const {
+  return ScriptPagesEnabled() ? ScriptText(ctx_.scripts->Run("CustomFooter")) : std::string();
 }
 
 void RemoteASP::WriteTableHeader(FastString& page) {
@@ -151,9 +191,9 @@ void RemoteASP::WriteTableHeader(FastString& page) {
   for (std::string_view name : {"R", "Online", "Name", "IP", "MAC"}) {
     const std::string button =
         "<input type='submit' value='" + std::string(name) + "' name='" + std::string(name) + "'>";
-    page.Append(FormatCell(button, "TABLEHEADER", "1", "Center"));
+    Guarded("RemoteASP", [&] { page.Append(FormatCell(button, "TABLEHEADER", "1", "Center")); });
   }
-  page.Append(FormatCell("Control", "TABLEHEADER", "3", "Center"));
+  Guarded("RemoteASP", [&] { page.Append(FormatCell("Control", "TABLEHEADER", "3", "Center")); });
   page.Append("</tr>");
   UpdateDisplay(page);
   page.Append("</table>");
@@ -253,6 +293,10 @@ void RemoteASP::SortRows() {
 
 std::string RemoteASP::FormatCell(std::string_view content, std::string_view cssClass,
                                   std::string_view colspan, std::string_view align) const {
+  if (ScriptPagesEnabled()) {
+    return ScriptText(ctx_.scripts->Run("FormatCell", {std::string(content), std::string(cssClass),
+                                                       std::string(colspan), std::string(align)}));
+  }
   return tavrel::FormatCell(content, cssClass, colspan, align, touchscreenClient_);
 }
 

@@ -14,6 +14,7 @@
 #include "http/Request.h"
 #include "http/Response.h"
 #include "http/TCPServerModule.h"
+#include "pages/HTMLIncludes.h"
 #include "settings/Hs.h"
 
 namespace tavrel {
@@ -43,7 +44,9 @@ struct PageContext {
   const Clock& clock;
   Reporter& reporter;
   PageActions actions;
-  // Runs the framework steps as script routines; the script host does not exist yet, so it stays off.
+  // The host of the framework's script pages, used only while they are switched on ("ScriptPages");
+  // off, the built-in framework steps run and the host never creates a script control.
+  HTMLIncludes* scripts = nullptr;
   bool scriptPagesEnabled = false;
 };
 
@@ -68,6 +71,8 @@ class RemoteASP : public PageHandler {
   void AcceptRemoteChanges();
   void SaveDictionary(const OrderedDict<KeyValuePair>& table, std::string_view section);
 
+  bool ScriptPagesEnabled() const { return ctx_.scriptPagesEnabled; }
+
   // The built-in framework steps.
   void XStartMiscFunctionsASP();
   // No security level: every visitor is served.
@@ -86,6 +91,14 @@ class RemoteASP : public PageHandler {
   std::string Form(std::string_view name) const;
   std::string Setting(std::string_view key, std::string_view defaultValue) const;
   void SaveSetting(std::string_view key, std::string_view value);
+  // The framework steps as script routines, the one-time set-up first.
+  void RunScriptSteps(Request& request, Response& response);
+  // The page's head and the end of its body: the framework's routines when script pages are on.
+  std::string CustomHeader(const std::vector<std::string>& values) const;
+  std::string CustomFooter() const;
+  // Runs one step of the page; a failure is reported under label and the page goes on.
+  template <class Step>
+  void Guarded(std::string_view label, Step step);
   Row& AddRow(std::string name, std::string ip, std::string mac, bool ipSort);
   void SortRows();
   void ActOnRow(const Row& row, bool save, bool& arpChanged, bool& computersChanged);
@@ -94,6 +107,9 @@ class RemoteASP : public PageHandler {
   PageContext ctx_;
   const Request* currentRequest_ = nullptr;
   Response* currentResponse_ = nullptr;
+  // The request and the response as the scripts hold them; cut off when the request ends.
+  std::shared_ptr<RequestObject> scriptRequest_;
+  std::shared_ptr<ResponseObject> scriptResponse_;
   bool touchscreenClient_ = false;
   std::string sortDirection_ = "ASC";
   std::string lastSortClick_;

@@ -157,14 +157,6 @@ TEST_F(PageTest, TouchScreenClientsByAddressOrBrowser) {
   }
 }
 
-TEST_F(PageTest, ScriptPathWithoutAScriptHostAnswersNothing) {
-  Request request;
-  Response response(sink, {home.Path(), clock, reporter, nullptr});
-  EXPECT_EQ(RemoteASP(PageContext{table, hs, clock, reporter, {}, true}).RemotePage(request, response), "");
-  ASSERT_EQ(reporter.calls.size(), 1u);
-  EXPECT_EQ(reporter.calls[0].text, "RemotePage");
-}
-
 // A fresh home gets the images and the style sheet (served end to end); files already there stay.
 TEST(StaticFilesTest, WrittenOnceWhenMissing) {
   test::TempDir home;
