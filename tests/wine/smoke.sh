@@ -3,6 +3,9 @@
 # the hub-client port because this script holds the xAP port (and so hears its heartbeats), serves the
 # management page, and ends through the menu's "Exit" on Ctrl-C (Wine turns SIGINT into the console's
 # CTRL_C_EVENT): exit code 0 and the "stopped" heartbeat prove the clean way out.
+# Then twice with ScriptPages=1 and the small framework page set of framework/: once with Wine's script
+# control, serving /wol through the framework's routines, and once with the control taken away, where
+# the page gets no answer and the failure is reported.
 #   usage: smoke.sh PATH/TO/tavrel.exe        (Wine's prefix: $WINEPREFIX, else the exe's folder/wineprefix)
 set -uo pipefail
 
@@ -48,28 +51,64 @@ listener=$!
 port_taken() { ! python3 -c 'import socket,sys; socket.socket(socket.AF_INET, socket.SOCK_DGRAM).bind(("127.0.0.1", int(sys.argv[1])))' "$1" 2>/dev/null; }
 wait_for 10 port_taken "$xap_port" || fail "the test listener did not take the xAP port"
 
-"$wine" "$exe" --home "Z:${home//\//\\}" --no-tray >"$work/stdout" 2>&1 &
-pid=$!
+start() { # starts tavrel.exe on the home; extra arguments are environment settings for Wine
+  env "$@" "$wine" "$exe" --home "Z:${home//\//\\}" --no-tray >"$work/stdout" 2>&1 &
+  pid=$!
+}
+stop() { # Ctrl-C: the menu's Exit, exit code 0 and the "stopped" heartbeat
+  : >"$work/heard.txt"
+  kill -INT "$pid"
+  if wait_for 20 sh -c "! kill -0 $pid 2>/dev/null"; then
+    wait "$pid"
+    rc=$?
+    pid=""
+    [ "$rc" -eq 0 ] || fail "exit code $rc after Ctrl-C"
+    wait_for 5 grep -q 'class=xap-hbeat.stopped' "$work/heard.txt" || fail "no 'stopped' heartbeat: not the Exit path"
+  else
+    fail "still running 20 s after Ctrl-C"
+  fi
+}
+page() { curl -s -i --max-time 5 -A "${agent:-smoke}" "http://127.0.0.1:$http_port/wol${query:-}" >"$work/page" 2>/dev/null; }
+body_has() { grep -qF -- "$1" "$work/page" || fail "${2:-the page} lacks: $1"; }
 
-page() { curl -s -i --max-time 5 "http://127.0.0.1:$http_port/wol" >"$work/page" 2>/dev/null; }
+start
 if wait_for 60 page; then
   [ "$(head -n 1 "$work/page")" = $'HTTP/1.1 200 OK\r' ] || fail "the answer does not start with HTTP/1.1 200 OK: $(head -n 1 "$work/page")"
   grep -qi '<table' "$work/page" || fail "the page holds no table"
+  version=$(grep -o '<title>Tavrel V[0-9.]*' "$work/page" | sed 's/.* V//')
 else
   fail "no answer on http://127.0.0.1:$http_port/wol"
 fi
 wait_for 10 grep -q 'class=xap-hbeat.alive' "$work/heard.txt" || fail "no heartbeat heard on 127.0.0.1:$xap_port"
+stop
 
-kill -INT "$pid"
-if wait_for 20 sh -c "! kill -0 $pid 2>/dev/null"; then
-  wait "$pid"
-  rc=$?
-  pid=""
-  [ "$rc" -eq 0 ] || fail "exit code $rc after Ctrl-C"
-  wait_for 5 grep -q 'class=xap-hbeat.stopped' "$work/heard.txt" || fail "no 'stopped' heartbeat: not the Exit path"
+# The framework's routines make the head, the cells and the foot, and read and write through hs, Request
+# and Response; a visitor the security check turns away gets the script's own answer and nothing else.
+cp -r "$(dirname "$0")/framework/." "$home/"
+printf 'ScriptPages=1\r\n' >>"$home/Config/tavrel.ini"
+start
+if wait_for 60 page; then
+  body_has "<html><head><title>Framework V$version</title><link rel='stylesheet' href='/StyleNoBody.css'></head><body>"
+  body_has "<td class='framework-tableroweven'><input type='submit' name ='UpdateButton' value='Refresh'></td>"
+  body_has "</center></div><p>1 visits, the last with </p></body></html>"
+  query='?from=query' page
+  body_has "<p>2 visits, the last with query</p>"
+  agent=Blocked page
+  [ "$(sed -n '/^\r$/,$p' "$work/page" | tail -n +2)" = "<html><body>No entry for 127.0.0.1</body></html>" ] ||
+    fail "the turned-away visitor got more than the script's answer: $(cat "$work/page")"
+  grep -q '^VISITS=3' "$home/Config/tavrel.ini" || fail "the scripts' visit count did not reach tavrel.ini"
 else
-  fail "still running 20 s after Ctrl-C"
+  fail "no answer from the script pages: $(cat "$work/stdout")"
 fi
+stop
+
+start WINEDLLOVERRIDES="$WINEDLLOVERRIDES;msscript.ocx="
+listening() { (exec 3<>"/dev/tcp/127.0.0.1/$http_port") 2>/dev/null; }
+wait_for 60 listening || fail "no web server without the script control"
+! page && [ ! -s "$work/page" ] || fail "a page was answered without the script control: $(cat "$work/page")"
+wait_for 5 grep -q "HTMLInit: ActiveX component can't create object" "$work/heard.txt" ||
+  fail "no HTMLInit report without the script control: $(cat "$work/heard.txt")"
+stop
 
 if [ "$failures" -ne 0 ]; then
   echo "--- program output"
@@ -78,4 +117,4 @@ if [ "$failures" -ne 0 ]; then
   cat "$work/heard.txt" 2>/dev/null
   exit 1
 fi
-echo "PASS: tavrel.exe served /wol on 127.0.0.1:$http_port and ended cleanly on Ctrl-C"
+echo "PASS: tavrel.exe served /wol on 127.0.0.1:$http_port, built-in and through script pages, and ended cleanly on Ctrl-C"
