@@ -14,12 +14,7 @@ namespace {
 using namespace std::string_literals;
 
 // This node's source address: "zel.WOL." and the host name up to its first ".".
-std::string NodeSource() {
-  char buf[256] = {};
-  gethostname(buf, sizeof buf - 1);
-  std::string name(buf);
-  return "zel.WOL." + name.substr(0, name.find('.'));
-}
+std::string NodeSource() { return "zel.WOL." + HostName(); }
 
 // The value of "key=" in an xAP text ("" when absent).
 std::string Field(const std::string& text, const std::string& key) {
