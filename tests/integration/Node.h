@@ -121,33 +121,20 @@ class Node {
     }
   }
 
-  // Starts the program; debug adds --debug (the server log in Data/tavrel/server.log). With tray it may
-  // offer its icon; env entries NAME=value replace this process's variables, a bare NAME removes one.
-  void Start(bool debug = false, bool tray = false, const std::vector<std::string>& env = {}) {
+  // Starts the program, with this process's environment; debug adds --debug (the server log in
+  // Data/tavrel/server.log). With tray it may offer its icon.
+  void Start(bool debug = false, bool tray = false) {
     std::string home = Home().string();
     std::vector<const char*> argv = {TAVREL_BINARY, "--home", home.c_str()};
     if (!tray) argv.push_back("--no-tray");
     if (debug) argv.push_back("--debug");
     argv.push_back(nullptr);
-    auto name = [](const std::string& e) { return e.substr(0, e.find('=')); };
-    std::vector<std::string> vars;
-    for (char** e = environ; *e != nullptr; ++e) {
-      const std::string var = *e;
-      bool replaced = false;
-      for (const auto& o : env) replaced = replaced || name(o) == name(var);
-      if (!replaced) vars.push_back(var);
-    }
-    for (const auto& o : env)
-      if (o.find('=') != std::string::npos) vars.push_back(o);
-    std::vector<char*> envp;
-    for (auto& v : vars) envp.push_back(v.data());
-    envp.push_back(nullptr);
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     const std::string errFile = (Home() / "stderr.txt").string();  // read by StderrLine
     posix_spawn_file_actions_addopen(&actions, 2, errFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
     const int failed =
-        posix_spawn(&pid_, TAVREL_BINARY, &actions, nullptr, const_cast<char**>(argv.data()), envp.data());
+        posix_spawn(&pid_, TAVREL_BINARY, &actions, nullptr, const_cast<char**>(argv.data()), environ);
     posix_spawn_file_actions_destroy(&actions);
     if (failed != 0) throw std::runtime_error("cannot start the program");
   }
