@@ -117,28 +117,6 @@ TEST_F(NodeTest, AnswersRoleEchoAndComputerQueries) {
   EXPECT_EQ(node.WaitExit(), 0);
 }
 
-TEST_F(NodeTest, LearnsANewSenderOnceAndQueriesIt) {
-  Node node(hub.Port());
-  int port = StartNode(node);
-
-  const std::string hello = Message("xap.anything", "acme.agent.pc9:disk", "", "x", "a=1\n");
-  hub.SendTo(port, hello);
-  EXPECT_EQ(hub.ReceiveUntil([](const std::string& t) { return Field(t, "target") == "*.*.pc9"; }),
-            FromNode("Computer.Process", "*.*.pc9", "Computer.Query", "Query=All\n"));
-  ASSERT_TRUE(WaitFor([&] { return node.Ini().find("PC9=") != std::string::npos; }));
-  EXPECT_NE(node.Ini().find("[COMPUTER]"), std::string::npos);
-
-  // The second message from pc9 sends no further query: the echo answer comes next instead.
-  hub.SendTo(port, hello);
-  hub.SendTo(port, Message("WDT.Echo", "acme.watch.pc9", "", "Echo.Query", "Query=after\n"));
-  std::string next = hub.ReceiveUntil(
-      [](const std::string& t) { return Field(t, "target") == "*.*.pc9" || IsClass(t, "WDT.Echo"); });
-  EXPECT_TRUE(IsClass(next, "WDT.Echo")) << next;
-
-  node.Signal(SIGTERM);
-  EXPECT_EQ(node.WaitExit(), 0);
-}
-
 // A burst is answered whole; a stream that never ends neither starves a signal nor grows memory.
 TEST_F(NodeTest, BurstIsAnsweredWholeAndAStreamNeitherDelaysASignalNorGrowsMemory) {
   Node node(hub.Port());

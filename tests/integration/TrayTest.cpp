@@ -147,7 +147,8 @@ class TrayTest : public ::testing::Test {
   std::unique_ptr<Node> node;
 };
 
-// Each menu item of a GetLayout answer as its label, "-" for a separator; its id goes into ids.
+// Each menu item of a GetLayout answer as its label or "(type)", "(off)" added when disabled; its id goes
+// into ids.
 std::vector<std::string> MenuItems(sd_bus_message* m, std::vector<int>& ids) {
   std::vector<std::string> items;
   sd_bus_message_skip(m, "u");
@@ -159,13 +160,14 @@ std::vector<std::string> MenuItems(sd_bus_message* m, std::vector<int>& ids) {
     sd_bus_message_read(m, "i", &ids.emplace_back());
     std::string item;
     const char *key = nullptr, *text = nullptr;
+    int enabled = 1;
     sd_bus_message_enter_container(m, 'a', "{sv}");
     while (sd_bus_message_enter_container(m, 'e', "sv") > 0) {
       sd_bus_message_read(m, "s", &key);
       if (sd_bus_message_read(m, "v", "s", &text) >= 0)
-        item += std::string(key) == "type" ? "-" : text;
-      else
-        sd_bus_message_skip(m, "v");
+        item += std::string(key) == "type" ? "(" + std::string(text) + ")" : text;
+      else if (sd_bus_message_read(m, "v", "b", &enabled) >= 0 && !enabled)
+        item += "(off)";
       sd_bus_message_exit_container(m);
     }
     sd_bus_message_exit_container(m);
@@ -218,8 +220,8 @@ TEST_F(TrayTest, TheHostSeesTheIconAndItsMenuAndTheMenuDrivesTheProgram) {
 
   std::vector<int> ids;
   EXPECT_EQ(MenuItems(host.Call("/MenuBar", "GetLayout", "iias", 0, -1, 0), ids),
-            (std::vector<std::string>{"Browser", "System Config", "System Status", "Query LAN", "Help", "-",
-                                      "Exit"}));
+            (std::vector<std::string>{"Browser", "System Config", "System Status", "Query LAN", "Help",
+                                      "(separator)", "Exit"}));
   ASSERT_EQ(ids.size(), 7u);
 
   // "Query LAN" asks the network for its computers.
