@@ -6,7 +6,6 @@
 #include "core/Clock.h"
 #include "core/Folders.h"
 #include "core/OrderedDict.h"
-#include "core/Text.h"
 
 namespace tavrel {
 namespace {
@@ -65,15 +64,6 @@ TEST(Folders, ChainStopsBeforeTheFileNameAndMissingFoldersAreCreated) {
   ASSERT_EQ(reporter.calls.size(), 1u);
   EXPECT_EQ(reporter.calls[0].module + "|" + reporter.calls[0].text, "tavrel| CreateFolders ");
   EXPECT_TRUE(reporter.calls[0].err.IsSet());
-}
-
-// Only ASCII letters fold, and comparison orders bytes after folding to lower case ("_" before "a"). The
-// other text helpers are covered where subnets, settings, messages and pages are read and written.
-TEST(Text, CaseFoldingAndCompare) {
-  EXPECT_EQ(LCase("AbC-\xC4\xE4Z") + UCase("abc-\xE4z"), "abc-\xC4\xE4zABC-\xE4Z");
-  EXPECT_TRUE(EqualsNoCase("Computer.Process", "COMPUTER.process") && !EqualsNoCase("\xC4", "\xE4"));
-  EXPECT_TRUE(CompareNoCase("_a", "A") < 0 && CompareNoCase("b", "A") > 0 && CompareNoCase("ab", "AB") == 0 &&
-              CompareNoCase("ab", "abc") < 0);
 }
 
 }  // namespace

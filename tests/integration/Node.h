@@ -85,6 +85,27 @@ class Hub {
   int port_ = 0;
 };
 
+// A port of the system's choosing on 127.0.0.1, free again on return; or, given held, kept by a socket
+// listening on it (TCP), whose descriptor goes there.
+inline int LoopbackPort(int type, int* held = nullptr) {
+  int fd = socket(AF_INET, type | SOCK_CLOEXEC, 0);
+  sockaddr_in addr = Hub::Loopback(0);
+  socklen_t len = sizeof addr;
+  if (fd < 0 || bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
+      getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len) != 0 || (held && listen(fd, 1) != 0))
+    throw std::runtime_error("loopback port");
+  held ? void(*held = fd) : void(close(fd));
+  return ntohs(addr.sin_port);
+}
+
+// This machine's name up to its first ".", as the program names itself.
+inline std::string HostName() {
+  char buf[256] = {};
+  gethostname(buf, sizeof buf - 1);
+  const std::string name(buf);
+  return name.substr(0, name.find('.'));
+}
+
 // The real program started with a temporary home whose zelXap.ini keeps it on loopback.
 class Node {
  public:
@@ -100,40 +121,23 @@ class Node {
     }
   }
 
-  // Starts the program; debug adds --debug (the server log in Data/tavrel/server.log). With tray it may
-  // offer its icon; env entries NAME=value replace this process's variables, a bare NAME removes one.
-  void Start(bool debug = false, bool tray = false, const std::vector<std::string>& env = {}) {
+  // Starts the program, with this process's environment; debug adds --debug (the server log in
+  // Data/tavrel/server.log). With tray it may offer its icon.
+  void Start(bool debug = false, bool tray = false) {
     std::string home = Home().string();
     std::vector<const char*> argv = {TAVREL_BINARY, "--home", home.c_str()};
     if (!tray) argv.push_back("--no-tray");
     if (debug) argv.push_back("--debug");
     argv.push_back(nullptr);
-    auto name = [](const std::string& e) { return e.substr(0, e.find('=')); };
-    std::vector<std::string> vars;
-    for (char** e = environ; *e != nullptr; ++e) {
-      const std::string var = *e;
-      bool replaced = false;
-      for (const auto& o : env) replaced = replaced || name(o) == name(var);
-      if (!replaced) vars.push_back(var);
-    }
-    for (const auto& o : env)
-      if (o.find('=') != std::string::npos) vars.push_back(o);
-    std::vector<char*> envp;
-    for (auto& v : vars) envp.push_back(v.data());
-    envp.push_back(nullptr);
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
-    const std::string errFile = (Home() / "stderr.txt").string();
-    if (captureStderr_) {
-      posix_spawn_file_actions_addopen(&actions, 2, errFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    }
+    const std::string errFile = (Home() / "stderr.txt").string();  // read by StderrLine
+    posix_spawn_file_actions_addopen(&actions, 2, errFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
     const int failed =
-        posix_spawn(&pid_, TAVREL_BINARY, &actions, nullptr, const_cast<char**>(argv.data()), envp.data());
+        posix_spawn(&pid_, TAVREL_BINARY, &actions, nullptr, const_cast<char**>(argv.data()), environ);
     posix_spawn_file_actions_destroy(&actions);
     if (failed != 0) throw std::runtime_error("cannot start the program");
   }
-  // Before Start: the program's standard error goes to a file, read by StderrLine.
-  void CaptureStderr() { captureStderr_ = true; }
   // The first line the program wrote to standard error, or "" when none came before the deadline.
   std::string StderrLine() const {
     for (auto end = steady_clock::now() + 5s; steady_clock::now() < end;) {
@@ -171,7 +175,6 @@ class Node {
  private:
   TempDir home_;
   pid_t pid_ = -1;
-  bool captureStderr_ = false;
 };
 
 }  // namespace tavrel::test

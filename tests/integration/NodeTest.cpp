@@ -1,4 +1,5 @@
 // The real program on loopback: what it sends and answers, byte for byte.
+#include <algorithm>
 #include <atomic>
 #include <regex>
 #include <set>
@@ -13,12 +14,7 @@ namespace {
 using namespace std::string_literals;
 
 // This node's source address: "zel.WOL." and the host name up to its first ".".
-std::string NodeSource() {
-  char buf[256] = {};
-  gethostname(buf, sizeof buf - 1);
-  std::string name(buf);
-  return "zel.WOL." + name.substr(0, name.find('.'));
-}
+std::string NodeSource() { return "zel.WOL." + HostName(); }
 
 // The value of "key=" in an xAP text ("" when absent).
 std::string Field(const std::string& text, const std::string& key) {
@@ -121,28 +117,6 @@ TEST_F(NodeTest, AnswersRoleEchoAndComputerQueries) {
   EXPECT_EQ(node.WaitExit(), 0);
 }
 
-TEST_F(NodeTest, LearnsANewSenderOnceAndQueriesIt) {
-  Node node(hub.Port());
-  int port = StartNode(node);
-
-  const std::string hello = Message("xap.anything", "acme.agent.pc9:disk", "", "x", "a=1\n");
-  hub.SendTo(port, hello);
-  EXPECT_EQ(hub.ReceiveUntil([](const std::string& t) { return Field(t, "target") == "*.*.pc9"; }),
-            FromNode("Computer.Process", "*.*.pc9", "Computer.Query", "Query=All\n"));
-  ASSERT_TRUE(WaitFor([&] { return node.Ini().find("PC9=") != std::string::npos; }));
-  EXPECT_NE(node.Ini().find("[COMPUTER]"), std::string::npos);
-
-  // The second message from pc9 sends no further query: the echo answer comes next instead.
-  hub.SendTo(port, hello);
-  hub.SendTo(port, Message("WDT.Echo", "acme.watch.pc9", "", "Echo.Query", "Query=after\n"));
-  std::string next = hub.ReceiveUntil(
-      [](const std::string& t) { return Field(t, "target") == "*.*.pc9" || IsClass(t, "WDT.Echo"); });
-  EXPECT_TRUE(IsClass(next, "WDT.Echo")) << next;
-
-  node.Signal(SIGTERM);
-  EXPECT_EQ(node.WaitExit(), 0);
-}
-
 // A burst is answered whole; a stream that never ends neither starves a signal nor grows memory.
 TEST_F(NodeTest, BurstIsAnsweredWholeAndAStreamNeitherDelaysASignalNorGrowsMemory) {
   Node node(hub.Port());
@@ -187,7 +161,8 @@ TEST_F(NodeTest, BurstIsAnsweredWholeAndAStreamNeitherDelaysASignalNorGrowsMemor
 #endif
 }
 
-TEST_F(NodeTest, WakeRequestSendsTheMagicPacketToTheComputersSubnet) {
+// The xAP request and `tavrel wake` send the same packet; a MAC of other than twelve digits sends nothing.
+TEST_F(NodeTest, WakeRequestAndTheWakeCommandSendTheMagicPacketToTheComputersSubnet) {
   if (geteuid() != 0) GTEST_SKIP() << "port 7 needs root";
   // 127.0.0.9/24 has the broadcast 127.0.0.255: loopback, so the packet stays on this machine.
   int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
@@ -196,23 +171,36 @@ TEST_F(NodeTest, WakeRequestSendsTheMagicPacketToTheComputersSubnet) {
   addr.sin_port = htons(7);
   inet_pton(AF_INET, "127.0.0.255", &addr.sin_addr);
   ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
+  std::string expected(6, '\xFF');
+  for (int i = 0; i < 16; ++i) expected += "\x00\x1A\x2B\x3C\x4D\x5E"s;
+  auto received = [fd] {
+    char buf[512];
+    pollfd p{fd, POLLIN, 0};
+    const ssize_t n = poll(&p, 1, 5000) == 1 ? recv(fd, buf, sizeof buf, 0) : 0;
+    return std::string(buf, static_cast<size_t>(std::max<ssize_t>(n, 0)));
+  };
+  auto wake = [](const char* mac) {
+    const char* argv[] = {TAVREL_BINARY, "wake", mac, "127.0.0.9", nullptr};
+    pid_t pid = -1;
+    int status = -1;
+    if (posix_spawn(&pid, TAVREL_BINARY, nullptr, nullptr, const_cast<char**>(argv), environ) == 0)
+      waitpid(pid, &status, 0);
+    return status;
+  };
 
   Node node(hub.Port(), "[Computer]\npcw=127.0.0.9\n[ARP]\n127.0.0.9=00-1A-2B-3C-4D-5E\n");
   int port = StartNode(node);
   hub.SendTo(port,
              Message("Computer.Process", "acme.hub.test", "x.y.pcw", "Computer.Control", "Action=wol\n"));
-
-  pollfd p{fd, POLLIN, 0};
-  ASSERT_EQ(poll(&p, 1, 5000), 1) << "no wake packet";
-  unsigned char buf[512];
-  ssize_t n = recv(fd, buf, sizeof buf, 0);
-  close(fd);
-  std::string expected(6, '\xFF');
-  for (int i = 0; i < 16; ++i) expected += "\x00\x1A\x2B\x3C\x4D\x5E"s;
-  EXPECT_EQ(std::string(reinterpret_cast<char*>(buf), static_cast<size_t>(n)), expected);
-
+  EXPECT_EQ(received(), expected);
   node.Signal(SIGTERM);
   EXPECT_EQ(node.WaitExit(), 0);
+
+  EXPECT_NE(wake("00-1A-2B-3C-4D"), 0);
+  EXPECT_NE(wake("00_1A_2B_3C_4D_5E"), 0);
+  EXPECT_EQ(wake("00:1a:2b:3c:4d:5e"), 0);
+  EXPECT_EQ(received(), expected);
+  close(fd);
 }
 
 TEST_F(NodeTest, UnusableBroadcastAddressEndsTheProgramWithALogLine) {
