@@ -9,9 +9,11 @@ import fs from 'node:fs';
 import net from 'node:net';
 import os from 'node:os';
 import path from 'node:path';
+import { fileURLToPath } from 'node:url';
 import { chromium } from 'playwright-core';
 
 const tavrel = process.argv[2] || process.env.TAVREL_BINARY;
+const outDir = path.join(path.dirname(fileURLToPath(import.meta.url)), 'out');
 
 // 127.0.0.x is never swept; .9 before .10 tells a numeric IP sort from a textual one. echo has no MAC
 // (no WOL button); .44 is known to the ARP table only.
@@ -89,6 +91,8 @@ async function press(name) {
 before(async () => {
   home = fs.mkdtempSync(path.join(os.tmpdir(), 'tavrel-browser-'));
   fs.mkdirSync(path.join(home, 'Config'));
+  fs.rmSync(outDir, { recursive: true, force: true });
+  fs.mkdirSync(outDir);
   port = await freePort();
   const config = (name, lines) => fs.writeFileSync(path.join(home, 'Config', name), lines.join('\r\n') + '\r\n');
   config('zelXap.ini', ['[Interface]', 'BroadcastAddress=127.0.0.1', `Port=${await freePort()}`]);
@@ -131,6 +135,7 @@ test('the page shows every computer with its images and style sheet', async () =
   assert.ok(images.length >= computers.length && images.every((width) => width === 13), `${images}`);
   const header = page.locator('td.TABLEHEADER').first();
   assert.equal(await header.evaluate((td) => getComputedStyle(td).backgroundColor), 'rgb(99, 99, 156)');
+  await page.screenshot({ path: path.join(outDir, 'page.png'), fullPage: true });
 });
 
 test('the column buttons sort the rows and a second press turns the order round', async () => {
@@ -188,9 +193,10 @@ test('Query LAN brings the page back, the sweep finds nothing and the file keeps
     return (await page.locator("input[name='QueryLAN']").count()) === 1;
   });
   const rows = await readRows();
-  const named = ['.9', '.21', '.30', '.10'].map((ip) => ip + ' Reboot Shutdown');
-  assert.deepEqual(rows.map((r) => r.ip + r.mac + r.buttons), named);
+  const named = ['.9', '.21', '.30', '.10'];
+  assert.deepEqual(rows.map((r) => r.ip + r.mac + r.buttons), named.map((ip) => ip + ' Reboot Shutdown'));
   assert.deepEqual([readIni().ARP['127.0.0.21'], readIni().ARP['127.0.0.44']], [computers[2][2], arpOnly[2]]);
+  await page.screenshot({ path: path.join(outDir, 'page-after.png'), fullPage: true });
 });
 
 test('the browser met no broken request and the program ends cleanly', async () => {
