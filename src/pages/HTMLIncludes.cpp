@@ -4,7 +4,6 @@
 #include <climits>
 #include <fstream>
 #include <iterator>
-#include <sstream>
 #include <utility>
 
 #include "core/Text.h"
@@ -53,6 +52,23 @@ std::string PageToScript(std::string_view page) {
   std::string code = Replace(Replace(page, "<%", ""), "%>", "");
   code = Replace(code, "<!--", "'");
   return ReplaceNoCase(code, "Response.Write", "fsg.Add");
+}
+
+std::string CutIncludes(std::string code,
+                        const std::function<void(const std::string& name, bool fromScripts)>& include) {
+  for (size_t at = 0;;) {
+    const size_t directive = FindNoCase(code, "#include", at);
+    if (directive == std::string::npos) break;
+    const size_t open = code.find('"', directive);
+    const size_t close = open == std::string::npos ? open : code.find('"', open + 1);
+    if (close == std::string::npos) break;
+    const std::string name = Trim(Replace(code.substr(open + 1, close - open - 1), "/", "\\"));
+    const bool fromScripts = FindNoCase(name, "..\\Scripts") != std::string::npos;
+    include(fromScripts ? ReplaceNoCase(name, "..\\Scripts", "") : name, fromScripts);
+    code.erase(directive, close + 1 - directive);
+    at = directive;
+  }
+  return code;
 }
 
 std::string ScriptText(const ScriptValue& value) {
@@ -143,22 +159,10 @@ void HTMLIncludes::Accumulate(Folder folder, std::string_view fileName, platform
   try {
     std::string code = ReadWhole(*path);
     if (html) code = PageToScript(code);
-    // Included files go in first, each directive is cut out of the including file's code.
-    for (size_t at = 0;;) {
-      const size_t directive = FindNoCase(code, "#include", at);
-      if (directive == std::string::npos) break;
-      const size_t open = code.find('"', directive);
-      const size_t close = open == std::string::npos ? open : code.find('"', open + 1);
-      if (close == std::string::npos) break;
-      std::string name = Trim(Replace(code.substr(open + 1, close - open - 1), "/", "\\"));
-      if (FindNoCase(name, "..\\Scripts") != std::string::npos) {
-        AccumulateReferences(ReplaceNoCase(name, "..\\Scripts", ""), control);
-      } else {
-        AccumulateHTMLReferences(name, control);
-      }
-      code.erase(directive, close + 1 - directive);
-      at = directive;
-    }
+    // Included files go in first.
+    code = CutIncludes(std::move(code), [&](const std::string& name, bool fromScripts) {
+      Accumulate(fromScripts ? Folder::Scripts : Folder::HTML, name, control);
+    });
     control.AddCode(code);
   } catch (const std::exception& e) {
     reporter_.ReportEvent(kModule, label + e.what());

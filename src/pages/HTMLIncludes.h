@@ -61,6 +61,13 @@ class HTMLIncludes {
 // "Response.Write" in any letter case made "fsg.Add" (the pages write into a string builder).
 std::string PageToScript(std::string_view page);
 
+// Follows the include directives of a file's code in order, calling include with each named file ("/"
+// made "\", blanks trimmed; fromScripts when it named "..\Scripts", which is then taken out), and
+// returns the code with every directive, from "#include" to its closing quote, cut out. A directive
+// without a pair of quotes after it ends the search.
+std::string CutIncludes(std::string code,
+                        const std::function<void(const std::string& name, bool fromScripts)>& include);
+
 // A routine's result as text, and as a truth value the way the script runtime converts it (Empty is
 // False; numbers and "True"/"False" in any case convert; other text fails with "Type mismatch").
 std::string ScriptText(const platform::ScriptValue& value);

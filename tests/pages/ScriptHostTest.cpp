@@ -1,8 +1,11 @@
 // The script page host with a stand-in control: the code the framework's pages become, the order it is
 // added in, and the routines the page runs with script pages on and off.
+#include <algorithm>
 #include <filesystem>
+#include <map>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -117,8 +120,8 @@ TEST_F(ScriptHostTest, PagesBecomeCodeWithTheirIncludesFirst) {
   host.HTMLInit();
   host.HTMLBuild();
   EXPECT_TRUE(host.ScriptInitialised());
-  EXPECT_THAT(log[0], "create VBScript 2500");
-  EXPECT_THAT(log[1], "object hs global");
+  EXPECT_EQ(log[0], "create VBScript 2500");
+  EXPECT_EQ(log[1], "object hs global");
   EXPECT_EQ(log[2],
             "code Dim Request, Response\r\nsub setObjects(pRequest,pResponse)\r\nSet Request = pRequest\r\n"
             "Set Response = pResponse\r\nEnd sub\r\n");

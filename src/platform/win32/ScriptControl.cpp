@@ -268,6 +268,7 @@ class Dispatch final : public IDispatch {
   std::shared_ptr<ScriptObject> object_;
 };
 
+// A COM object owns itself: its last Release deletes it.
 IDispatch* Wrap(std::shared_ptr<ScriptObject> object) { return new Dispatch(std::move(object)); }
 
 constexpr IID kIID_IScriptControl = {

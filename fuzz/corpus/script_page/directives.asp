@@ -1,0 +1,1 @@
+<!--#include file="a"--><!--#INCLUDE "..\scripts\..\Scripts\b" --> "x" #include "unclosed
