@@ -29,3 +29,10 @@ if [ "$(id -u)" -eq 0 ]; then
 else
   echo "skipped: the sweep benchmark needs root for its network namespaces"
 fi
+
+echo "== script pages (the Windows program under Wine)"
+if [ -f "$root/build/windows/tavrel.exe" ] && [ -x /usr/lib/wine/wine64 ]; then
+  bash "$root/bench/script-pages.sh" "$root/build/windows/tavrel.exe"
+else
+  echo "skipped: needs Wine and the Windows build (make test-windows)"
+fi
