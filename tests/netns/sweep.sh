@@ -15,22 +15,15 @@ command -v ip >/dev/null && command -v python3 >/dev/null && command -v setpriv 
   { echo "SKIP: needs ip, python3 and setpriv"; exit 77; }
 ip netns add "swchk$$" 2>/dev/null && ip netns del "swchk$$" || { echo "SKIP: network namespaces unavailable"; exit 77; }
 
-prefix="sw$$" work="$(mktemp -d)" pid="" failures=0
+prefix="sw$$" work="$(mktemp -d)" pid=""
 cleanup() {
   [ -z "$pid" ] || kill -KILL "$pid" 2>/dev/null
   "$testbed" down --prefix "$prefix" >/dev/null 2>&1
   rm -rf "$work"
 }
 trap cleanup EXIT INT TERM
-fail() { echo "FAIL: $*"; failures=$((failures + 1)); }
-wait_for() { # seconds command...: polls the command until it succeeds or the deadline passes
-  local until=$(($(date +%s) + $1))
-  shift
-  until "$@"; do
-    [ "$(date +%s)" -le $until ] || return 1
-    sleep 0.05
-  done
-}
+# shellcheck source=tests/support/checks.sh
+. "$(dirname "$0")/../support/checks.sh"
 in_scanner() { # privileged|unprivileged command...: runs in the scanner namespace, unprivileged without
   local wrap=()  # the capabilities that allow own ARP requests (and changing the neighbour table)
   [ "$1" = unprivileged ] && wrap=(setpriv --bounding-set -net_raw,-net_admin)

@@ -66,6 +66,17 @@ class FakeControl final : public platform::ScriptControl {
   Lines& log_;
 };
 
+// A connection that keeps what is sent to it.
+class Sink final : public ConnectionSink {
+ public:
+  int Index() const override { return 3; }
+  int State() const override { return kConnected; }
+  void SetTag(std::string_view) override {}
+  void SendData(std::string bytes) override { sent += bytes; }
+  void StartBody(std::unique_ptr<BinaryBody>) override {}
+  std::string sent;
+};
+
 class ScriptHostTest : public ::testing::Test {
  protected:
   ScriptHostTest() {
@@ -181,15 +192,7 @@ TEST_F(ScriptHostTest, ScriptObjectsReadAndWriteThroughTheProgram) {
   EXPECT_EQ(call("DeviceString", {"x"}), "");
   EXPECT_THROW(call("GetINISetting", {"S", "k"}), ScriptError);
 
-  class Sink final : public ConnectionSink {
-   public:
-    int Index() const override { return 3; }
-    int State() const override { return kConnected; }
-    void SetTag(std::string_view) override {}
-    void SendData(std::string bytes) override { sent += bytes; }
-    void StartBody(std::unique_ptr<BinaryBody>) override {}
-    std::string sent;
-  } sink;
+  Sink sink;
   ManualClock clock{MakeDateTime(2026, 11, 23, 9, 0, 0)};
   Request request;
   request.ParsePage("POST /wol?q=1 HTTP/1.1\r\nHost: tavrel:8019\r\n\r\nname=x+y");
@@ -213,14 +216,7 @@ TEST_F(ScriptHostTest, ScriptObjectsReadAndWriteThroughTheProgram) {
 class ScriptPageTest : public ScriptHostTest {
  protected:
   std::string Get(RemoteASP& page, const std::string& agent = "Mozilla/5.0") {
-    class NullSink final : public ConnectionSink {
-     public:
-      int Index() const override { return 1; }
-      int State() const override { return kConnected; }
-      void SetTag(std::string_view) override {}
-      void SendData(std::string) override {}
-      void StartBody(std::unique_ptr<BinaryBody>) override {}
-    } sink;
+    Sink sink;
     Request request;
     request.ParsePage("GET /wol HTTP/1.1\r\nHost: tavrel\r\nUser-Agent: " + agent + "\r\n\r\n");
     Response response(sink, {home.Path() / "HTML", clock, reporter, nullptr});

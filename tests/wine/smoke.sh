@@ -13,7 +13,7 @@ exe="$(readlink -f "${1:?usage: smoke.sh PATH/TO/tavrel.exe}")"
 export WINEPREFIX="${WINEPREFIX:-$(dirname "$exe")/wineprefix}" WINEDEBUG="${WINEDEBUG:--all,err+module}"
 export WINEDLLOVERRIDES="${WINEDLLOVERRIDES:-mscoree,mshtml=}"
 wine=/usr/lib/wine/wine64
-work="$(mktemp -d)" pid="" listener="" failures=0
+work="$(mktemp -d)" pid="" listener=""
 cleanup() {
   [ -z "$pid" ] || kill -KILL "$pid" 2>/dev/null
   [ -z "$listener" ] || kill "$listener" 2>/dev/null
@@ -21,15 +21,8 @@ cleanup() {
   rm -rf "$work"
 }
 trap cleanup EXIT INT TERM
-fail() { echo "FAIL: $*"; failures=$((failures + 1)); }
-wait_for() { # seconds command...: polls the command until it succeeds or the deadline passes
-  local until=$(($(date +%s) + $1))
-  shift
-  until "$@"; do
-    [ "$(date +%s)" -le $until ] || return 1
-    sleep 0.1
-  done
-}
+# shellcheck source=tests/support/checks.sh
+. "$(dirname "$0")/../support/checks.sh"
 free_port() { python3 -c 'import socket,sys; s=socket.socket(socket.AF_INET, getattr(socket, sys.argv[1])); s.bind(("127.0.0.1",0)); print(s.getsockname()[1])' "$1"; }
 
 xap_port=$(free_port SOCK_DGRAM) http_port=$(free_port SOCK_STREAM)
