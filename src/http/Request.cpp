@@ -28,7 +28,7 @@ void Request::ParsePage(std::string_view text) {
   // The whole target is decoded first, so an encoded "?" splits it too.
   if (const size_t q = page_.find('?'); q != std::string::npos) {
     query_ = page_.substr(q + 1);
-    ParseKeyValues(query_, queryStringCol_);
+    ParseKeyValues(query_, queryStringCol_, false);
     page_.resize(q);
   }
 
@@ -40,7 +40,7 @@ void Request::ParsePage(std::string_view text) {
     if (text.size() > end + 6) {
       if (method_ == "POST") method_ = "POSTx";
       payload_ = Replace(text.substr(end + kBlankLine.size()), kCrLf, "");
-      ParseKeyValues(payload_, formCol_);
+      ParseKeyValues(payload_, formCol_, true);
     }
   } else {
     header_ = std::string(text.substr(version));
@@ -53,14 +53,16 @@ void Request::ParsePage(std::string_view text) {
   }
 }
 
-void Request::AddPostData(std::string_view text) { ParseKeyValues(text, formCol_); }
+void Request::AddPostData(std::string_view text) { ParseKeyValues(text, formCol_, true); }
 
-void Request::ParseKeyValues(std::string_view text, Collection& into) const {
+void Request::ParseKeyValues(std::string_view text, Collection& into, bool formValues) const {
   for (const std::string& part : Split(text, "&")) {
     const std::vector<std::string> pieces = Split(part, "=");
     KeyValuePair pair;
     if (!pieces.empty()) pair.Key = pieces[0];
-    if (pieces.size() > 1) {
+    if (pieces.size() > 1 && formValues) {
+      pair.Value = DecodeFormValue(pieces[1]);
+    } else if (pieces.size() > 1) {
       std::string value = Replace(pieces[1], "+", " ");
       value = Replace(value, "%3A", ":");
       value = Replace(value, "%5B", "[");
@@ -125,6 +127,27 @@ std::string Request::Decode(std::string_view text) {
     }
     out += static_cast<char>(static_cast<unsigned char>(code));
     i += 3;
+  }
+  return out;
+}
+
+std::string Request::DecodeFormValue(std::string_view text) {
+  auto hex = [](char c) {
+    if (c >= '0' && c <= '9') return c - '0';
+    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+    return -1;
+  };
+  std::string out;
+  out.reserve(text.size());
+  for (size_t i = 0; i < text.size(); ++i) {
+    const char c = text[i];
+    if (c == '%' && i + 2 < text.size() && hex(text[i + 1]) >= 0 && hex(text[i + 2]) >= 0) {
+      out += static_cast<char>(hex(text[i + 1]) * 16 + hex(text[i + 2]));
+      i += 2;
+    } else {
+      out += c == '+' ? ' ' : c;
+    }
   }
   return out;
 }

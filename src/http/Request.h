@@ -46,9 +46,14 @@ class Request {
   // other character counts as -1) become the byte 16 * first + second, where codes below 32 become a
   // blank and ":" (58) becomes "'".
   static std::string Decode(std::string_view text);
-  // Splits "k=v&k=v" into pairs added to into. Keys stay as they are; values get "+" and the escapes
-  // %3A %5B %5D %5C (these only) decoded. A piece without "=" gives an empty value.
-  void ParseKeyValues(std::string_view text, Collection& into) const;
+  // Splits "k=v&k=v" into pairs added to into. Keys stay as they are. Form values (formValues) are
+  // decoded whole: "+" a blank, every "%" and two hexadecimal digits (either case) that byte. Query
+  // values, whose target Decode has already been through, get "+" and the escapes %3A %5B %5D %5C (these
+  // only) decoded. A piece without "=" gives an empty value.
+  void ParseKeyValues(std::string_view text, Collection& into, bool formValues) const;
+  // Form text decoding: "+" is a blank, "%XX" is the byte XX; a "%" not followed by two hexadecimal
+  // digits stays as it is.
+  static std::string DecodeFormValue(std::string_view text);
 
   const std::string& Method() const { return method_; }
   // The decoded request target without its query.

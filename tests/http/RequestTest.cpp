@@ -43,10 +43,15 @@ TEST(RequestTest, ParsingDecodingAndContentRules) {
        "Empty: \r\n\r\nbody: x",
        "User-Agent,Host,Empty|UA 1|example.org|example.org:8019||"},
       {'V', "GET / HTTP/1.1\r\nHost: example.org\r\n\r\n", "Host||example.org|example.org||"},
-      // Keys keep the first of any case; values decode "+" and %3A %5B %5D %5C only.
-      {'F', "POST /wol?A=1&a=2&c&=e HTTP/1.1\r\n\r\nk%3A=x+y%3A%5B%5D%5C%41&k%3a=no\n~K%3A=late&z=1=2",
-       "[A=1][c=][=e]|[k%3A=x y:[]\\%41][z=1]|KeyValue A = 1;KeyValue a = 2;KeyValue c = ;KeyValue  = e;"
-       "KeyValue k%3A = x y:[]\\%41;KeyValue k%3a = no;KeyValue K%3A = late;KeyValue z = 1;"},
+      // Keys keep the first of any case. Form values are decoded whole; query values, decoded with the
+      // target already, only get "+" and %3A %5B %5D %5C, so nothing is decoded twice.
+      {'F',
+       "POST /wol?A=1&a=2&c&=e&q=%2541 "
+       "HTTP/1.1\r\n\r\nk%3A=x+y%3A%5B%5D%5C%41%27%e9%zz%4&k%3a=no\n~K%3A=late&z=1=2",
+       "[A=1][c=][=e][q=%41]|[k%3A=x y:[]\\A'\xe9%zz%4][z=1]|KeyValue A = 1;KeyValue a = 2;KeyValue c = ;"
+       "KeyValue  = e;KeyValue q = %41;KeyValue k%3A = x y:[]\\A'\xe9%zz%4;KeyValue k%3a = no;KeyValue K%3A "
+       "= late;"
+       "KeyValue z = 1;"},
       {'D', "a+b%41%42", "a bAB"},
       {'D', "%3A|%3a|%2F", "'|/|/"},    // lower-case "a" counts as -1: 16 * 3 - 1 = 47
       {'D', "%0D%0A%00%zz%", "     "},  // control codes and negative codes become blanks

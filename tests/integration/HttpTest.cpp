@@ -215,7 +215,7 @@ TEST_F(HttpTest, StaticFilesPagesRedirectsAndNotFound) {
   EXPECT_EQ(
       Masked(Ask("POST /Dir%5CPage.asp?q=1 HTTP/1.1\r\n\r\nname=A+%26+B&go=\"1\"&q=again")),
       Resubmit("/Dir/Page.asp",
-               "<input type='hidden' name='q' value='1'><input type='hidden' name='name' value='A %26 B'>"
+               "<input type='hidden' name='q' value='1'><input type='hidden' name='name' value='A &amp; B'>"
                "<input type='hidden' name='go' value='&quot;1&quot;'><input type='hidden' name='q' "
                "value='again'>",
                "POSTx"));
