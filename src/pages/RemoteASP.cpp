@@ -11,6 +11,7 @@
 #include "core/Text.h"
 #include "lan/Subnet.h"
 #include "pages/PageText.h"
+#include "settings/IniTool.h"
 
 namespace tavrel {
 namespace {
@@ -64,7 +65,8 @@ std::string RemoteASP::RemotePage(Request& request, Response& response) {
       XSecurityCheck();
       touchscreenClient_ = xStartHeaderASP();
     }
-    result = ManagementPage();
+    // A visitor the framework has answered itself (turned away, say) gets nothing acted on.
+    if (!response.Answered()) result = ManagementPage();
   } catch (const std::exception& e) {
     ctx_.reporter.ReportEvent(kModule, "RemotePage", ErrOf(e));
   }
@@ -92,6 +94,7 @@ void RemoteASP::RunScriptSteps(Request& request, Response& response) {
     scripts.Run("setObjects", objects);
   }
   scripts.Run("SecurityCheck");
+  if (response.Answered()) return;
   touchscreenClient_ = ScriptBool(scripts.Run("startheaderasp"));
 }
 
@@ -301,57 +304,71 @@ std::string RemoteASP::FormatCell(std::string_view content, std::string_view css
 }
 
 void RemoteASP::AcceptRemoteChanges() {
-  bool arpChanged = false;
-  bool computersChanged = false;
+  Changes changes;
   try {
-    StoreSubnets(Replace(Form("subnet"), "%2C", ","));
-
-    for (std::string_view key : kSortKeys) {
-      if (Form(key).empty()) continue;
-      if (key != lastSortClick_) {
-        lastSortClick_ = key;
-      } else {
-        sortDirection_ = sortDirection_ == "ASC" ? "DESC" : "ASC";
-        SaveSetting("SortDir", sortDirection_);
-      }
-      SaveSetting("Sort", key);
-      return;
-    }
-    if (!Form("QueryLAN").empty()) {
-      if (ctx_.actions.QueryLAN) ctx_.actions.QueryLAN();
-      return;
-    }
-    if (!Form("Refresh").empty()) return;
-    if (!rows_) throw RunTimeError(91, "Object variable or With block variable not set");
-    if (rows_->empty()) return;
-
-    const bool save = !Form("Save").empty();
-    for (const Row& row : *rows_) ActOnRow(row, save, arpChanged, computersChanged);
+    CollectChanges(changes);
   } catch (const std::exception& e) {
     ctx_.reporter.ReportEvent(kModule, "AcceptRemoteChanges", ErrOf(e));
+    // What was changed before the failure is in memory, so it goes to the file too; the sections
+    // emptied of removed entries are not rewritten.
+    changes.arpChanged = changes.computersChanged = false;
+  }
+  SaveChanges(changes);
+}
+
+void RemoteASP::CollectChanges(Changes& changes) {
+  changes.wol.push_back({"Subnet", StoreSubnets(Replace(Form("subnet"), "%2C", ","))});
+  for (std::string_view key : kSortKeys) {
+    if (Form(key).empty()) continue;
+    if (key != lastSortClick_) {
+      lastSortClick_ = key;
+    } else {
+      sortDirection_ = sortDirection_ == "ASC" ? "DESC" : "ASC";
+      changes.wol.push_back({"SortDir", sortDirection_});
+    }
+    changes.wol.push_back({"Sort", std::string(key)});
     return;
   }
-  if (arpChanged) SaveDictionary(ctx_.table.ARPTable, "ARP");
-  if (computersChanged) SaveDictionary(ctx_.table.Computers, "Computer");
-}
-
-// Only a list of valid subnets is stored, each in its plain form, so no posted text reaches a scan.
-void RemoteASP::StoreSubnets(const std::string& subnets) {
-  std::vector<std::string> parsed;
-  for (const std::string& entry : Split(subnets, ",")) {
-    std::optional<std::string> subnet = ParseSubnet(entry);
-    if (!subnet) {
-      notices_.push_back(HtmlEscape("Subnets not stored: \"" + subnets +
-                                    "\" is not a comma-separated list of subnets, each three numbers 0-255 "
-                                    "separated by dots."));
-      return;
-    }
-    parsed.push_back(std::move(*subnet));
+  if (!Form("QueryLAN").empty()) {
+    if (ctx_.actions.QueryLAN) ctx_.actions.QueryLAN();
+    return;
   }
-  SaveSetting("Subnet", Join(parsed, ","));
+  if (!Form("Refresh").empty()) return;
+  if (!rows_) throw RunTimeError(91, "Object variable or With block variable not set");
+  const bool save = !Form("Save").empty();
+  for (const Row& row : *rows_) ActOnRow(row, save, changes);
 }
 
-void RemoteASP::ActOnRow(const Row& row, bool save, bool& arpChanged, bool& computersChanged) {
+// Each entry in one of the forms people type ("192.168.1", "192.168.1.0", "192.168.1.0/24") is stored in
+// its plain form; any other entry is left out, and the page names it, so no posted text reaches a scan.
+std::string RemoteASP::StoreSubnets(const std::string& subnets) {
+  std::vector<std::string> parsed;
+  std::vector<std::string> refused;
+  for (const std::string& entry : Split(subnets, ",")) {
+    std::string text = Trim(entry);
+    if (text.empty()) continue;
+    for (std::string_view suffix : {".0/24", ".0"}) {
+      if (text.size() > suffix.size() && text.ends_with(suffix) &&
+          std::count(text.begin(), text.end(), '.') == 3) {
+        text.resize(text.size() - suffix.size());
+        break;
+      }
+    }
+    if (std::optional<std::string> subnet = ParseSubnet(text)) {
+      parsed.push_back(std::move(*subnet));
+    } else {
+      refused.push_back("\"" + entry + "\"");
+    }
+  }
+  if (!refused.empty()) {
+    notices_.push_back(HtmlEscape("Subnets left out: " + Join(refused, ", ") +
+                                  ". A subnet is three numbers 0-255 separated by dots, such as 192.168.1 "
+                                  "(or 192.168.1.0/24)."));
+  }
+  return Join(parsed, ",");
+}
+
+void RemoteASP::ActOnRow(const Row& row, bool save, Changes& changes) {
   const std::string& k = row.Key;
   ComputerTable& table = ctx_.table;
   if (!save) {
@@ -382,21 +399,38 @@ void RemoteASP::ActOnRow(const Row& row, bool save, bool& arpChanged, bool& comp
       } else {
         table.Computers.Add(newName, KeyValuePair{newName, row.IP});
       }
-      ctx_.hs.SaveIniSetting("Computer", newName, row.IP, kIniFile);
+      changes.renamed.push_back(KeyValuePair{newName, row.IP});
     }
   }
   if (!Form("R" + k).empty()) {
-    if (!row.IP.empty() && table.ARPTable.Remove(row.IP)) arpChanged = true;
+    if (!row.IP.empty() && table.ARPTable.Remove(row.IP)) changes.arpChanged = true;
     if (!newName.empty()) {
-      if (table.Computers.Remove(newName)) computersChanged = true;
+      if (table.Computers.Remove(newName)) changes.computersChanged = true;
       table.LastSeen.Remove(newName);
     }
   }
 }
 
-void RemoteASP::SaveDictionary(const OrderedDict<KeyValuePair>& table, std::string_view section) {
-  ctx_.hs.ClearINISection(section, kIniFile);
-  for (const auto& [key, entry] : table) ctx_.hs.SaveIniSetting(section, key, entry.Value, kIniFile);
+void RemoteASP::SaveChanges(const Changes& changes) {
+  auto rewrite = [](IniTool& ini, const OrderedDict<KeyValuePair>& table, std::string_view section) {
+    std::vector<KeyValuePair> pairs;
+    pairs.reserve(table.Count());
+    for (const auto& [key, entry] : table) pairs.push_back(KeyValuePair{key, entry.Value});
+    // As the file would read back after each earlier write.
+    ini.LoadText(ini.ToText());
+    ini.RemoveSection(section);
+    ini.WriteKeysAsRounds(section, pairs);
+  };
+  try {
+    ctx_.hs.EditIni(kIniFile, [&](IniTool& ini) {
+      ini.WriteKeysAsRounds(kWol, changes.wol);
+      ini.WriteKeysAsRounds("Computer", changes.renamed);
+      if (changes.arpChanged) rewrite(ini, ctx_.table.ARPTable, "ARP");
+      if (changes.computersChanged) rewrite(ini, ctx_.table.Computers, "Computer");
+    });
+  } catch (const std::exception& e) {
+    ctx_.reporter.ReportEvent(kModule, "AcceptRemoteChanges", ErrOf(e));
+  }
 }
 
 std::string RemoteASP::Form(std::string_view name) const {

@@ -69,7 +69,14 @@ class RemoteASP : public PageHandler {
   std::string FormatCell(std::string_view content, std::string_view cssClass, std::string_view colspan,
                          std::string_view align) const;
   void AcceptRemoteChanges();
-  void SaveDictionary(const OrderedDict<KeyValuePair>& table, std::string_view section);
+  // What one post changes in the settings file, written at its end in one go.
+  struct Changes {
+    std::vector<KeyValuePair> wol;      // settings of section "WOL", in the order they were made
+    std::vector<KeyValuePair> renamed;  // new lines of section "Computer"
+    bool arpChanged = false;            // sections emptied of removed entries, rewritten whole
+    bool computersChanged = false;
+  };
+  void SaveChanges(const Changes& changes);
 
   bool ScriptPagesEnabled() const { return ctx_.scriptPagesEnabled; }
 
@@ -101,8 +108,10 @@ class RemoteASP : public PageHandler {
   void Guarded(std::string_view label, Step step);
   Row& AddRow(std::string name, std::string ip, std::string mac, bool ipSort);
   void SortRows();
-  void ActOnRow(const Row& row, bool save, bool& arpChanged, bool& computersChanged);
-  void StoreSubnets(const std::string& subnets);
+  void CollectChanges(Changes& changes);
+  void ActOnRow(const Row& row, bool save, Changes& changes);
+  // The subnet list to store: the entries people type, each in its plain form.
+  std::string StoreSubnets(const std::string& subnets);
 
   PageContext ctx_;
   const Request* currentRequest_ = nullptr;

@@ -83,6 +83,14 @@ void Hs::SaveIniSettings(std::string_view section, const std::vector<KeyValuePai
   Forget(FilePath(file));
 }
 
+void Hs::EditIni(std::string_view file, const std::function<void(IniTool&)>& edit) {
+  IniTool ini(reporter_);
+  ini.Load(FilePath(file));
+  edit(ini);
+  ini.Save();
+  Forget(FilePath(file));
+}
+
 std::string Hs::GetINISection(std::string_view section, std::string_view file) const {
   const fs::path path = FilePath(file);
   std::shared_ptr<const Loaded> loaded = Read(path);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -37,6 +38,8 @@ class Hs {
   // SaveIniSetting calls would leave it, and its "_bck" copy holds it as it was before. No pairs, no save.
   void SaveIniSettings(std::string_view section, const std::vector<KeyValuePair>& pairs,
                        std::string_view file = {});
+  // Any number of changes to one file with one load and one save (its "_bck" copy holds it as it was).
+  void EditIni(std::string_view file, const std::function<void(IniTool&)>& edit);
   // Every pair of the section as key "=" value, in order, joined by character 0.
   std::string GetINISection(std::string_view section, std::string_view file = {}) const;
   void ClearINISection(std::string_view section, std::string_view file = {});

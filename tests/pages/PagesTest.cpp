@@ -174,16 +174,17 @@ TEST_F(PageTest, SubnetsAreStoredByEveryPostAndSortClicksDoNothingElse) {
   Get();
   for (const char* fields :
        {"subnet=198.51.100%2C203.0.113&R=R&R0=1", "subnet=198.51.100%2C203.0.113&MAC=MAC",
-        "subnet=198.51.100%2C1.2.3<b>&IP=IP&Save=Save&Name0="}) {
-    EXPECT_EQ(Post(fields).find("<b>"), std::string::npos);
-    EXPECT_EQ(Ini("WOL", "Subnet"), "198.51.100,203.0.113");
+        "subnet=198.51.100.0%2F24%2C+203.0.113.0+%2C&IP=IP&Save=Save&Name0="}) {
+    Post(fields);
+    EXPECT_EQ(Ini("WOL", "Subnet"), "198.51.100,203.0.113") << fields;
   }
   EXPECT_EQ(Ini("WOL", "Sort") + Ini("WOL", "SortDir"), "IP-");  // the direction turns only on a second click
-  const std::string refused = Post("subnet=+198.51.100+%2C203.0.113;reboot");
-  EXPECT_NE(refused.find("Subnets not stored: &quot; 198.51.100 ,203.0.113;reboot&quot;"), std::string::npos);
-  EXPECT_EQ(Ini("WOL", "Subnet"), "198.51.100,203.0.113");
-  Post("subnet=+198.51.100+%2C203.0.113");  // blanks around an entry are allowed
-  EXPECT_EQ(Ini("WOL", "Subnet"), "198.51.100,203.0.113");
+  // Entries in no form people type are left out and named on the page; the rest is stored.
+  const std::string refused = Post("subnet=+198.51.100+%2C203.0.113;reboot%2C1.2.3<b>%2C10.0.0.0/16");
+  EXPECT_NE(refused.find("Subnets left out: &quot;203.0.113;reboot&quot;, &quot;1.2.3&lt;b&gt;&quot;, "
+                         "&quot;10.0.0.0/16&quot;."),
+            std::string::npos);
+  EXPECT_EQ(Ini("WOL", "Subnet"), "198.51.100");
   EXPECT_EQ(table.Computers.Keys(), Lines{"pc1"});
   EXPECT_TRUE(calls.empty());
   Post("subnet=198.51.100&QueryLAN=Query+LAN&WOL0=WOL");
@@ -221,6 +222,26 @@ TEST_F(PageTest, RenamesTakeOnlyStorableNames) {
     EXPECT_EQ(html.find("value='&lt;B&gt;X'") != std::string::npos, stored) << name;
   }
   EXPECT_EQ(hs.GetINISection("Computer", kIniFile), "<B>X=198.51.100.10");
+}
+
+// The names come back from the browser percent-encoded whole; a Save with a rename and a removal
+// writes the settings file once.
+TEST_F(PageTest, SaveKeepsNamesTheBrowserEncodesAndWritesTheFileOnce) {
+  AddComputer("JO'S PC", "198.51.100.10");
+  AddComputer("A&B (1)/X@Y\xe9", "198.51.100.11");
+  AddComputer("PC3", "198.51.100.12");
+  table.ARPTable.Add("198.51.100.11", {"198.51.100.11", "00-11-22-33-44-11"});
+  const std::string before =
+      "[ARP]\r\n198.51.100.11=00-11-22-33-44-11\r\n[Computer]\r\nJO'S PC=198.51.100.10\r\n"
+      "A&B (1)/X@Y\xe9=198.51.100.11\r\nPC3=198.51.100.12\r\n";
+  test::WriteFile(hs.FilePath(kIniFile), before);
+  Get();
+  Post("subnet=&Save=Save&Name0=JO%27S+PC&Name1=a%26b+%281%29%2Fx%40y%E9&R1=1&Name2=office");
+  EXPECT_EQ(table.Computers.Keys(), (Lines{"JO'S PC", "OFFICE"}));
+  EXPECT_EQ(hs.GetINISection("ARP", kIniFile), "=");
+  EXPECT_EQ(hs.GetINISection("Computer", kIniFile),
+            std::string("JO'S PC=198.51.100.10\0OFFICE=198.51.100.12", 42));
+  EXPECT_EQ(test::ReadFile(hs.FilePath(kIniFile).string() + "_bck"), before);
 }
 
 // A post before any rendering, or one naming a computer that has gone meanwhile, is reported and

@@ -51,6 +51,9 @@ class FakeControl final : public platform::ScriptControl {
     log_.push_back(call + ")");
     if (routine == fail) throw ScriptError(5, "Invalid procedure call or argument");
     if (routine == "setObjects") request = std::get<std::shared_ptr<ScriptObject>>(args[0]);
+    if (routine == "setObjects") response = std::get<std::shared_ptr<ScriptObject>>(args[1]);
+    // A framework that turns the visitor away answers through Response.Send, twice if it likes.
+    if (routine == answerIn) response->Call(0, {"Blocked"}), response->Call(0, {"Blocked again"});
     if (routine == "startheaderasp") return touchscreen;
     if (routine == "FormatCell") return "<td>" + std::get<std::string>(args[0]) + "</td>";
     if (routine == "CustomHeader") return std::string("<head from script><body>");
@@ -58,7 +61,8 @@ class FakeControl final : public platform::ScriptControl {
     return {};
   }
   std::map<std::string, std::shared_ptr<ScriptObject>> objects;
-  std::shared_ptr<ScriptObject> request;
+  std::shared_ptr<ScriptObject> request, response;
+  std::string answerIn;
   ScriptValue touchscreen = std::string("0");
   std::string fail;
 
@@ -215,15 +219,21 @@ TEST_F(ScriptHostTest, ScriptObjectsReadAndWriteThroughTheProgram) {
 
 class ScriptPageTest : public ScriptHostTest {
  protected:
-  std::string Get(RemoteASP& page, const std::string& agent = "Mozilla/5.0") {
-    Sink sink;
+  std::string Get(RemoteASP& page, const std::string& agent = "Mozilla/5.0", const std::string& body = "") {
+    sink.sent.clear();
     Request request;
-    request.ParsePage("GET /wol HTTP/1.1\r\nHost: tavrel\r\nUser-Agent: " + agent + "\r\n\r\n");
+    request.ParsePage((body.empty() ? "GET" : "POST") +
+                      std::string(" /wol HTTP/1.1\r\nHost: tavrel\r\nUser-Agent: ") + agent + "\r\n\r\n" +
+                      body);
     Response response(sink, {home.Path() / "HTML", clock, reporter, nullptr});
     return page.RemotePage(request, response);
   }
   RemoteASP Page(bool enabled) {
-    return RemoteASP(PageContext{table, hs, clock, reporter, {}, &host, enabled});
+    PageActions actions;
+    actions.SendComputerControl = [this](const std::string& name, const std::string& action) {
+      acted.push_back(action + " " + name);
+    };
+    return RemoteASP(PageContext{table, hs, clock, reporter, actions, &host, enabled});
   }
   // The routines run, without the page's cells.
   Lines Routines() {
@@ -235,6 +245,8 @@ class ScriptPageTest : public ScriptHostTest {
 
   ComputerTable table;
   ManualClock clock{MakeDateTime(2026, 11, 23, 9, 0, 0)};
+  Sink sink;
+  Lines acted;
 };
 
 TEST_F(ScriptPageTest, TheSwitchChoosesScriptRoutinesOrNone) {
@@ -267,6 +279,21 @@ TEST_F(ScriptPageTest, TheSwitchChoosesScriptRoutinesOrNone) {
   // The request the scripts kept is cut off once it has been answered.
   EXPECT_THROW(control->request->Call(0, {"x"}), ScriptError);
   EXPECT_THAT(Events(), ElementsAre());
+}
+
+TEST_F(ScriptPageTest, AVisitorTheScriptsAnswerThemselvesHasNothingActedOnAndOneAnswer) {
+  table.Computers.Add("PC1", {"PC1", "198.51.100.7"});
+  RemoteASP on = Page(true);
+  Get(on);
+  const std::string form = "clientinput=yes&subnet=203.0.113&Shutdown0=Shutdown";
+  Get(on, "Mozilla/5.0", form);
+  EXPECT_EQ(acted, Lines{"Shutdown PC1"});
+  control->answerIn = "SecurityCheck";
+  EXPECT_EQ(Get(on, "Mozilla/5.0", "clientinput=yes&subnet=198.51.100&Shutdown0=Shutdown"), "");
+  EXPECT_EQ(acted, Lines{"Shutdown PC1"});
+  EXPECT_EQ(hs.GetINISetting("WOL", "Subnet", "", kIniFile), "203.0.113");
+  EXPECT_TRUE(sink.sent.ends_with("\r\n\r\nBlocked")) << sink.sent;
+  EXPECT_EQ(sink.sent.find("HTTP/1.1"), sink.sent.rfind("HTTP/1.1"));
 }
 
 TEST_F(ScriptPageTest, AFailingStepAnswersNothingAndAFailingCellOnlyItself) {
