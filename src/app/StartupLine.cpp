@@ -2,6 +2,7 @@
 
 #include "app/Tavrel.h"
 #include "core/Text.h"
+#include "http/Guard.h"
 #include "http/TCPServer.h"
 #include "xap/XapTransport.h"
 
@@ -25,6 +26,7 @@ std::string StartupLine(Tavrel& app, const std::filesystem::path& home) {
   const TCPServer* server = app.Server();
   if (server != nullptr && server->Listening()) {
     line += "; page http://localhost:" + std::to_string(server->LocalPort()) + "/wol";
+    if (const Guard* guard = app.ServerGuard()) line += " for " + guard->Describe();
   } else if (Replace(app.HTTPPortSetting(), "\"", "").empty()) {
     line += "; web server off (HTTPPort=\"\")";
   } else {

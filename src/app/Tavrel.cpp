@@ -6,6 +6,7 @@
 #include "app/ServerLogFile.h"
 #include "core/Folders.h"
 #include "core/Text.h"
+#include "http/Guard.h"
 #include "http/TCPServer.h"
 #include "lan/ComputerActions.h"
 #include "lan/LanScan.h"
@@ -99,12 +100,22 @@ void Tavrel::StartServer() {
       PageContext{table_, hs_, clock_, log_,
                   PageActions::ForLan(*lanScan_, xapGlobal_, log_, [this] { return transport_->LocalIP(); }),
                   scripts_.get(), hs_.GetINISetting("WOL", "ScriptPages", "0", kIniFile) == "1"});
+  guard_ = std::make_unique<Guard>(
+      Guard::Context{clock_, log_,
+                     [this] {
+                       return Guard::Settings{hs_.GetINISetting("WOL", "HTTPAllow", "", kIniFile),
+                                              hs_.GetINISetting("WOL", "HTTPHosts", "", kIniFile),
+                                              hs_.GetINISetting("WOL", "HTTPPasswordHash", "", kIniFile)};
+                     },
+                     startup_.LocalComputerName, platform::LocalIPv4Networks, nullptr, nullptr});
   TCPServer::Settings settings;
   settings.httpPort = httpPortSetting_;
-  settings.hsAddress = hs_.GetINISetting("WOL", "HSAddress", "127.0.0.1", kIniFile);
+  const std::string hsAddress = hs_.GetINISetting("WOL", "HSAddress", "", kIniFile);
+  settings.hsNamed = !hsAddress.empty();
+  settings.hsAddress = settings.hsNamed ? hsAddress : "127.0.0.1";
   settings.hsWebPort = hs_.GetINISetting("WOL", "HSWebPort", "80", kIniFile);
   server_ = std::make_unique<TCPServer>(io_, timers_, clock_, log_, home_ / "HTML", settings,
-                                        serverLog_.get(), pages_.get());
+                                        serverLog_.get(), pages_.get(), guard_.get());
   server_->Form_Load();
 }
 

@@ -24,6 +24,7 @@ class LanScan;
 class HTMLIncludes;
 class RemoteASP;
 class TCPServer;
+class Guard;
 class ServerLogFile;
 
 // The application: builds the shared state at start, starts the xAP node, reads the computer table and
@@ -66,6 +67,7 @@ class Tavrel final : public platform::TrayOwner {
   XapTransport* Transport() { return transport_.get(); }
   LanScan* Scan() { return lanScan_.get(); }
   TCPServer* Server() { return server_.get(); }
+  const Guard* ServerGuard() const { return guard_.get(); }
   platform::Tray* TrayIcon() { return tray_.get(); }
 
   // The menu's entries by index; "-" is the separator.
@@ -102,6 +104,7 @@ class Tavrel final : public platform::TrayOwner {
   // The script page host; it creates nothing unless "ScriptPages" is on and a page is requested.
   std::unique_ptr<HTMLIncludes> scripts_;
   std::unique_ptr<RemoteASP> pages_;
+  std::unique_ptr<Guard> guard_;
   std::unique_ptr<TCPServer> server_;
   std::unique_ptr<platform::Tray> tray_;
 

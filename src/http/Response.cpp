@@ -234,6 +234,25 @@ void Response::RedirectToHS(std::string_view address, const Request& request) {
   }
 }
 
+void Response::SendStatus(std::string_view status, std::string_view text, std::string_view extraHeader) {
+  try {
+    FastString out;
+    Line(out, "HTTP/1.1 " + std::string(status));
+    Line(out, "Server: zel");
+    Line(out, "Date: " + Date());
+    if (!extraHeader.empty()) Line(out, extraHeader);
+    Line(out, "Connection: close");
+    Line(out, "Content-Type: text/plain");
+    Line(out, "Content-Length: " + std::to_string(text.size()));
+    Line(out, "");
+    out.Append(text);
+    if (SendText(out.ToString()))
+      Debug(">>>>>>>>>>> " + std::string(status) + " to socket " + std::to_string(index()));
+  } catch (const std::exception& e) {
+    Fail("TCPSever_SendTextString ", e);
+  }
+}
+
 void Response::Redirect(std::string_view) { SendTextString("<HTML>Unauthorized Access<HTML>"); }
 
 ContentType Response::GetContentType(std::string_view path) {
@@ -250,6 +269,8 @@ ContentType Response::GetContentType(std::string_view path) {
 std::string Response::Date() const { return FormatMediumDate(ctx_.clock.Now()); }
 
 bool Response::SendText(std::string answer) {
+  // One answer per request, however often a script asks.
+  if (answered_) return false;
   socket_.SetTag("0");
   if (socket_.State() != ConnectionSink::kConnected) return false;
   socket_.SendData(std::move(answer));

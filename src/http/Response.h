@@ -106,6 +106,9 @@ class Response {
   // Sends the client on to the HomeSeer web server at address ("host:port"): a 307 for an "audrey"
   // browser, else a page that re-submits the request's query and form fields there.
   void RedirectToHS(std::string_view address, const Request& request);
+  // A short plain-text answer of its own status ("403 Forbidden"), with an extra header line if given,
+  // that closes the connection: refusals and the web root's jump to the page.
+  void SendStatus(std::string_view status, std::string_view text, std::string_view extraHeader = {});
   void Send(const std::string& text) { SendTextString(text); }
   // Pages may ask for a redirect; the answer is always the refusal page.
   void Redirect(std::string_view location);

@@ -121,9 +121,10 @@ class TCPServer::TcpSlot final : public ConnectionSlot, public std::enable_share
 };
 
 TCPServer::TCPServer(asio::io_context& io, TimerFactory& timers, const Clock& clock, Reporter& reporter,
-                     std::filesystem::path htmlFolder, Settings settings, ServerLog* log, PageHandler* pages)
+                     std::filesystem::path htmlFolder, Settings settings, ServerLog* log, PageHandler* pages,
+                     Guard* guard)
     : TCPServerModule(Context{std::move(htmlFolder), clock, reporter, timers, log, settings.hsAddress,
-                              settings.hsWebPort, pages}),
+                              settings.hsWebPort, pages, settings.hsNamed, guard}),
       io_(io),
       settings_(std::move(settings)),
       acceptRetry_(timers.Create()) {}

@@ -24,11 +24,14 @@ class TCPServer final : public TCPServerModule {
     std::string hsWebPort = "80";
     // The address the listener binds; tests use 127.0.0.1.
     std::string listenAddress = "0.0.0.0";
+    // False when no "HSAddress" is set: the web root then leads to the page.
+    bool hsNamed = true;
   };
 
   // log is the server log stream under --debug, else null; pages may also be set later.
   TCPServer(asio::io_context& io, TimerFactory& timers, const Clock& clock, Reporter& reporter,
-            std::filesystem::path htmlFolder, Settings settings, ServerLog* log, PageHandler* pages);
+            std::filesystem::path htmlFolder, Settings settings, ServerLog* log, PageHandler* pages,
+            Guard* guard = nullptr);
   ~TCPServer() override;
 
   // Starts listening on the port setting; false (reported, unless the setting asks for no listener)

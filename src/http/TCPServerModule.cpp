@@ -157,6 +157,7 @@ void TCPServerModule::Route(Request& request, ConnectionSlot& slot) {
   const std::string ext = page.size() > 4 ? page.substr(page.size() - 4) : page;
   WriteServerLog("Popped socket " + std::to_string(slot.Index()) + " for page " + page);
   Response response(slot, {ctx_.htmlFolder, ctx_.clock, ctx_.reporter, ctx_.log});
+  if (ctx_.guard && !ctx_.guard->Admit(request, response)) return;
   if (IsImage(ext)) {
     response.SendBinaryFile(page);
   } else if (ext == ".css") {
@@ -169,6 +170,9 @@ void TCPServerModule::Route(Request& request, ConnectionSlot& slot) {
     const std::string text = ctx_.pages->RemotePage(request, response);
     // A page whose script already answered through Response gets no second answer.
     if (!text.empty() && !response.Answered()) response.SendTextString(text);
+  } else if (page == "\\" && !ctx_.hsNamed) {
+    // No home-automation web server is named: the root leads to our own page.
+    response.SendStatus("302 Found", "", "Location: /wol");
   } else {
     WriteServerLog("User Agent " + request.ServerVariables("http_user_agent"));
     response.RedirectToHS(ctx_.hsAddress + ":" + ctx_.hsWebPort, request);

@@ -11,6 +11,7 @@
 #include "core/Reporter.h"
 #include "core/Timer.h"
 #include "http/ConnectionSlot.h"
+#include "http/Guard.h"
 #include "http/Request.h"
 #include "http/RequestQueue.h"
 #include "http/Response.h"
@@ -50,6 +51,10 @@ class TCPServerModule : private ConnectionSlot::Owner {
     std::string hsWebPort = "80";
     // The pages "\wol" and "\stat"; without one they get the not-found page.
     PageHandler* pages = nullptr;
+    // False when no "HSAddress" is set at all: the web root then leads to the page instead.
+    bool hsNamed = true;
+    // Decides who is served; without one, everyone is.
+    Guard* guard = nullptr;
   };
 
   explicit TCPServerModule(Context ctx);

@@ -2,6 +2,7 @@
 
 #include <filesystem>
 #include <string>
+#include <vector>
 
 namespace tavrel::platform {
 
@@ -14,6 +15,16 @@ std::string LocalMac();
 
 // The IPv4 address of that same adapter as dotted text; "" when there is none.
 std::string PrimaryIPv4();
+
+// An IPv4 network of one of this machine's adapters: its address and prefix length, the address in host
+// byte order.
+struct IPv4Network {
+  unsigned long address = 0;
+  int prefixLength = 32;
+};
+
+// The networks of every adapter that is up and has an IPv4 address, loopback included.
+std::vector<IPv4Network> LocalIPv4Networks();
 
 // The running program's own file.
 std::filesystem::path ExecutablePath();

@@ -6,6 +6,7 @@ import assert from 'node:assert/strict';
 import { spawn } from 'node:child_process';
 import dgram from 'node:dgram';
 import fs from 'node:fs';
+import http from 'node:http';
 import net from 'node:net';
 import os from 'node:os';
 import path from 'node:path';
@@ -26,7 +27,8 @@ const computers = [
 ];
 const arpOnly = ['', '127.0.0.44', '55-00-00-00-00-44'];
 
-let home, port, proc, context, page, exited;
+let home, port, proc, context, page, exited, hub;
+const xap = []; // what the program sends on xAP: the test holds the xAP port as a hub would
 const problems = []; // failed requests, HTTP errors and script errors seen by the browser
 
 const freePort = () =>
@@ -95,7 +97,11 @@ before(async () => {
   fs.mkdirSync(outDir);
   port = await freePort();
   const config = (name, lines) => fs.writeFileSync(path.join(home, 'Config', name), lines.join('\r\n') + '\r\n');
-  config('zelXap.ini', ['[Interface]', 'BroadcastAddress=127.0.0.1', `Port=${await freePort()}`]);
+  const xapPort = await freePort();
+  hub = dgram.createSocket('udp4');
+  hub.on('message', (m) => xap.push(m.toString('latin1')));
+  await new Promise((resolve) => hub.bind(xapPort, '127.0.0.1', resolve));
+  config('zelXap.ini', ['[Interface]', 'BroadcastAddress=127.0.0.1', `Port=${xapPort}`]);
   config('tavrel.ini', [
     '[WOL]', `HTTPPort=${port}`, 'Subnet=127.0.0', 'ScanMethod=native', '[Computer]',
     ...computers.map(([name, ip]) => `${name}=${ip}`), '[ARP]',
@@ -118,6 +124,7 @@ before(async () => {
 after(async () => {
   await context?.close().catch(() => {});
   if (proc?.exitCode === null && proc.signalCode === null) proc.kill('SIGKILL');
+  hub?.close();
   if (home) fs.rmSync(home, { recursive: true, force: true });
 });
 
@@ -136,6 +143,41 @@ test('the page shows every computer with its images and style sheet', async () =
   const header = page.locator('td.TABLEHEADER').first();
   assert.equal(await header.evaluate((td) => getComputedStyle(td).backgroundColor), 'rgb(99, 99, 156)');
   await page.screenshot({ path: path.join(outDir, 'page.png'), fullPage: true });
+});
+
+test('the web root leads to the page when no home-automation server is named', async () => {
+  await page.goto(`http://127.0.0.1:${port}/`, { waitUntil: 'load' });
+  assert.equal(page.url(), `http://127.0.0.1:${port}/wol`);
+});
+
+test('a form on another site cannot shut a computer down; the page itself can', async () => {
+  const key = await keyOf('.9');
+  const site = http.createServer((req, res) =>
+    res.writeHead(200, { 'Content-Type': 'text/html' }).end(`<form method='post' action='http://127.0.0.1:${port}/wol'><input name='clientinput' value='yes'>` +
+      `<input name='subnet' value='1.2.3'><input name='Shutdown${key}' value='Shutdown'></form>` +
+      '<script>document.forms[0].submit()</script>'));
+  await new Promise((resolve) => site.listen(0, '127.0.0.1', resolve));
+  const ini = path.join(home, 'Config', 'tavrel.ini');
+  const before = fs.readFileSync(ini);
+  const seen = problems.length;
+  try {
+    const [refused] = await Promise.all([
+      page.waitForResponse((r) => r.request().method() === 'POST'),
+      page.goto(`http://localhost:${site.address().port}/`),
+    ]);
+    assert.equal(refused.status(), 403);
+    assert.deepEqual(fs.readFileSync(ini), before);
+    problems.splice(seen); // the refusal, as intended
+  } finally {
+    site.close();
+  }
+  await page.goto(`http://127.0.0.1:${port}/wol`, { waitUntil: 'load' });
+  await press(`Shutdown${key}`);
+  const control = () => xap.filter((m) => /\nComputer\.Control\n\{\nAction=Shutdown\n/i.test(m));
+  await until("the page's own Shutdown on xAP", 5, async () => control().length > 0);
+  // Sent as the request was served, so the refused one, served first, would be on the wire before it.
+  assert.equal(control().length, 1);
+  assert.match(control()[0], /\ntarget=\*\.\*\.alpha\n/i);
 });
 
 test('the column buttons sort the rows and a second press turns the order round', async () => {

@@ -42,6 +42,21 @@ bool FirstAdapter(std::string& name, std::string& ip) {
 }
 }  // namespace
 
+std::vector<IPv4Network> LocalIPv4Networks() {
+  std::vector<IPv4Network> networks;
+  ifaddrs* list = nullptr;
+  if (getifaddrs(&list) != 0) return networks;
+  for (ifaddrs* a = list; a != nullptr; a = a->ifa_next) {
+    if (a->ifa_addr == nullptr || a->ifa_netmask == nullptr || a->ifa_addr->sa_family != AF_INET) continue;
+    if ((a->ifa_flags & IFF_UP) == 0) continue;
+    const uint32_t mask = ntohl(reinterpret_cast<sockaddr_in*>(a->ifa_netmask)->sin_addr.s_addr);
+    networks.push_back(
+        {ntohl(reinterpret_cast<sockaddr_in*>(a->ifa_addr)->sin_addr.s_addr), __builtin_popcount(mask)});
+  }
+  freeifaddrs(list);
+  return networks;
+}
+
 std::string ComputerName() {
   char buf[256] = {};
   if (gethostname(buf, sizeof buf - 1) != 0) return {};

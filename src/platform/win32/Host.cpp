@@ -15,20 +15,27 @@
 namespace tavrel::platform {
 
 namespace {
+// The IPv4 adapters in buf; null when they cannot be listed.
+IP_ADAPTER_ADDRESSES* Adapters(std::vector<unsigned char>& buf) {
+  ULONG size = 16 * 1024;
+  buf.resize(size);
+  const ULONG flags = GAA_FLAG_SKIP_ANYCAST | GAA_FLAG_SKIP_MULTICAST | GAA_FLAG_SKIP_DNS_SERVER;
+  ULONG rc = GetAdaptersAddresses(AF_INET, flags, nullptr,
+                                  reinterpret_cast<IP_ADAPTER_ADDRESSES*>(buf.data()), &size);
+  if (rc == ERROR_BUFFER_OVERFLOW) {
+    buf.resize(size);
+    rc = GetAdaptersAddresses(AF_INET, flags, nullptr, reinterpret_cast<IP_ADAPTER_ADDRESSES*>(buf.data()),
+                              &size);
+  }
+  return rc == NO_ERROR ? reinterpret_cast<IP_ADAPTER_ADDRESSES*>(buf.data()) : nullptr;
+}
+
 // Walks the adapters and calls f(adapter, ipv4 text) for the first one that is up and has IPv4.
 template <class F>
 bool FirstAdapter(F f) {
-  ULONG size = 16 * 1024;
-  std::vector<unsigned char> buf(size);
-  ULONG flags = GAA_FLAG_SKIP_ANYCAST | GAA_FLAG_SKIP_MULTICAST | GAA_FLAG_SKIP_DNS_SERVER;
-  auto* list = reinterpret_cast<IP_ADAPTER_ADDRESSES*>(buf.data());
-  ULONG rc = GetAdaptersAddresses(AF_INET, flags, nullptr, list, &size);
-  if (rc == ERROR_BUFFER_OVERFLOW) {
-    buf.resize(size);
-    list = reinterpret_cast<IP_ADAPTER_ADDRESSES*>(buf.data());
-    rc = GetAdaptersAddresses(AF_INET, flags, nullptr, list, &size);
-  }
-  if (rc != NO_ERROR) return false;
+  std::vector<unsigned char> buf;
+  IP_ADAPTER_ADDRESSES* list = Adapters(buf);
+  if (list == nullptr) return false;
   for (auto* a = list; a != nullptr; a = a->Next) {
     if (a->IfType == IF_TYPE_SOFTWARE_LOOPBACK || a->OperStatus != IfOperStatusUp) continue;
     for (auto* u = a->FirstUnicastAddress; u != nullptr; u = u->Next) {
@@ -43,6 +50,22 @@ bool FirstAdapter(F f) {
   return false;
 }
 }  // namespace
+
+std::vector<IPv4Network> LocalIPv4Networks() {
+  std::vector<IPv4Network> networks;
+  std::vector<unsigned char> buf;
+  IP_ADAPTER_ADDRESSES* list = Adapters(buf);
+  if (list == nullptr) return networks;
+  for (auto* a = list; a != nullptr; a = a->Next) {
+    if (a->OperStatus != IfOperStatusUp) continue;
+    for (auto* u = a->FirstUnicastAddress; u != nullptr; u = u->Next) {
+      if (u->Address.lpSockaddr->sa_family != AF_INET) continue;
+      const auto* sin = reinterpret_cast<sockaddr_in*>(u->Address.lpSockaddr);
+      networks.push_back({ntohl(sin->sin_addr.s_addr), u->OnLinkPrefixLength});
+    }
+  }
+  return networks;
+}
 
 std::string ComputerName() {
   char buf[MAX_COMPUTERNAME_LENGTH + 1] = {};

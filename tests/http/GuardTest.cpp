@@ -1,0 +1,174 @@
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "TestSupport.h"
+#include "http/Guard.h"
+
+namespace tavrel {
+namespace {
+
+using V = Guard::Verdict;
+
+class OpenSink : public ConnectionSink {
+ public:
+  int Index() const override { return 1; }
+  int State() const override { return kConnected; }
+  void SetTag(std::string_view) override {}
+  void SendData(std::string bytes) override { sent += bytes; }
+  void StartBody(std::unique_ptr<BinaryBody>) override {}
+  std::string sent;
+};
+
+// A guard on a hand-set clock, on a machine named "tavrelhost" with an adapter in 203.0.113.0/24; a
+// stored hash "h:PASSWORD" verifies PASSWORD, and every derivation is counted.
+struct Fixture {
+  Guard::Settings settings;
+  ManualClock clock{MakeDateTime(2026, 11, 22, 10, 30)};
+  test::RecordingReporter reporter;
+  int derivations = 0;
+  Guard guard{Guard::Context{clock, reporter, [this] { return settings; }, "TavrelHost",
+                             [] {
+                               return std::vector<platform::IPv4Network>{{0xCB007105, 24}};
+                             },
+                             [this](std::string_view stored, std::string_view password) {
+                               ++derivations;
+                               return stored == "h:" + std::string(password);
+                             },
+                             [](std::string_view stored) { return stored.starts_with("h:"); }}};
+
+  V Check(const std::string& peer, const std::string& headers, const std::string& method = "GET") {
+    Request request;
+    request.SetRemoteIp(peer);
+    request.ParsePage(method + " /wol HTTP/1.1\r\n" + headers + "\r\n");
+    return guard.Check(request);
+  }
+};
+
+const std::string kLocal = "Host: 127.0.0.1:8019\r\n";
+// "user:secret" and "x:wrong"
+const std::string kRight = kLocal + "Authorization: Basic dXNlcjpzZWNyZXQ=\r\n";
+const std::string kWrong = kLocal + "Authorization: Basic eDp3cm9uZw==\r\n";
+
+TEST(GuardTest, DecidesByAddressHostOriginAndPassword) {
+  const struct {
+    std::string peer, headers, method, allow, hosts, hash;
+    V verdict;
+  } cases[] = {
+      // Who may connect: loopback, private ranges and this machine's networks by default.
+      {"127.0.0.1", kLocal, "GET", "", "", "", V::kServe},
+      {"192.168.1.20", kLocal, "GET", "", "", "", V::kServe},
+      {"10.9.8.7", kLocal, "GET", "", "", "", V::kServe},
+      {"172.31.255.255", kLocal, "GET", "", "", "", V::kServe},
+      {"169.254.10.1", kLocal, "GET", "", "", "", V::kServe},
+      {"203.0.113.77", kLocal, "GET", "", "", "", V::kServe},  // the adapter's own network
+      {"172.32.0.1", kLocal, "GET", "", "", "", V::kAddress},
+      {"198.51.100.7", kLocal, "GET", "", "", "", V::kAddress},  // a forwarded port from outside
+      {"", kLocal, "GET", "", "", "", V::kAddress},
+      {"198.51.100.7", kLocal, "GET", "bogus, 198.51.100.0/25", "", "", V::kServe},
+      {"198.51.100.200", kLocal, "GET", "198.51.100.0/25", "", "", V::kAddress},
+      {"192.168.1.20", kLocal, "GET", "198.51.100.7", "", "", V::kAddress},  // the list narrows it
+      {"127.0.0.1", kLocal, "GET", "198.51.100.7", "", "", V::kServe},       // loopback stays in
+      {"8.8.8.8", kLocal, "GET", " * ", "", "", V::kServe},
+      // The names this server answers to.
+      {"192.168.1.20", "", "GET", "", "", "", V::kServe},  // no Host: no browser
+      {"192.168.1.20", "Host: evil.example:8019\r\n", "GET", "", "", "", V::kHost},
+      {"192.168.1.20", "Host: EVIL.example.:8019\r\n", "GET", "", "other, evil.example", "", V::kServe},
+      {"192.168.1.20", "Host: anything\r\n", "GET", "", "*", "", V::kServe},
+      {"192.168.1.20", "Host: tavrelhost\r\n", "GET", "", "", "", V::kServe},
+      {"192.168.1.20", "Host: TAVRELHOST.fritz.box:8019\r\n", "GET", "", "", "", V::kServe},
+      {"192.168.1.20", "Host: tavrelhostile.example\r\n", "GET", "", "", "", V::kHost},
+      {"192.168.1.20", "Host: localhost:8019\r\n", "GET", "", "", "", V::kServe},
+      {"192.168.1.20", "Host: [::1]:8019\r\n", "GET", "", "", "", V::kServe},
+      {"192.168.1.20", "Host: 192.168.1.10:99999\r\n", "GET", "", "", "", V::kHost},
+      {"192.168.1.20", "Host: 192.168.1.10\r\nhost: evil.example\r\n", "GET", "", "", "", V::kHost},
+      {"192.168.1.20", "Host:192.168.1.10\r\nOrigin:http://192.168.1.10\r\n", "POST", "", "", "", V::kServe},
+      // Forms from other sites.
+      {"192.168.1.20", kLocal + "Origin: http://127.0.0.1:8019\r\n", "POSTx", "", "", "", V::kServe},
+      {"192.168.1.20", kLocal + "Origin: http://evil.example\r\n", "POSTx", "", "", "", V::kOrigin},
+      {"192.168.1.20", kLocal + "Origin: http://127.0.0.1:8020\r\n", "POST", "", "", "", V::kOrigin},
+      {"192.168.1.20", kLocal + "Origin: null\r\n", "POSTx", "", "", "", V::kOrigin},
+      {"192.168.1.20", kLocal + "Referer: http://evil.example/x?http://127.0.0.1:8019/\r\n", "POSTx", "", "",
+       "", V::kOrigin},
+      {"192.168.1.20", kLocal + "Referer: http://127.0.0.1:8019/wol\r\n", "POSTx", "", "", "", V::kServe},
+      {"192.168.1.20", kLocal + "Referer: http://user@127.0.0.1:8019/\r\n", "POSTx", "", "", "", V::kOrigin},
+      {"192.168.1.20", kLocal + "Origin: http://evil.example\r\n", "GET", "", "", "", V::kServe},
+      {"192.168.1.20", kLocal, "POSTx", "", "", "", V::kServe},  // curl and scripts send neither
+      {"192.168.1.20", "Host: pc.example\r\nOrigin: https://pc.example\r\n", "POSTx", "", "pc.example", "",
+       V::kServe},  // behind a TLS proxy
+      // The password.
+      {"192.168.1.20", kLocal, "GET", "", "", "h:secret", V::kNoCredentials},
+      {"192.168.1.20", kRight, "GET", "", "", "h:secret", V::kServe},
+      {"192.168.1.20", kWrong, "GET", "", "", "h:secret", V::kWrongPassword},
+      {"192.168.1.21", kLocal + "Authorization: Basic !!\r\n", "GET", "", "", "h:secret", V::kWrongPassword},
+      {"192.168.1.22", kLocal + "Authorization: Bearer dXNlcjpzZWNyZXQ=\r\n", "GET", "", "", "h:secret",
+       V::kWrongPassword},
+      {"192.168.1.23", kRight, "GET", "", "", "secret", V::kWrongPassword},  // not a hash: nobody gets in
+      {"198.51.100.7", kRight, "GET", "", "", "h:secret", V::kAddress},
+  };
+  for (const auto& c : cases) {
+    Fixture f;
+    f.settings = {c.allow, c.hosts, c.hash};
+    EXPECT_EQ(f.Check(c.peer, c.headers, c.method), c.verdict) << c.peer << " " << c.method << "\n"
+                                                               << c.headers;
+  }
+}
+
+TEST(GuardTest, LocksOutAfterFiveFailuresAndRemembersAGoodPassword) {
+  Fixture f;
+  f.settings.passwordHash = "h:secret";
+  for (int i = 0; i < 4; ++i) ASSERT_EQ(f.Check("192.168.1.20", kWrong), V::kWrongPassword);
+  EXPECT_EQ(f.Check("192.168.1.20", kRight), V::kServe);  // a success forgets the failures
+  for (int i = 0; i < 5; ++i) ASSERT_EQ(f.Check("192.168.1.20", kWrong), V::kWrongPassword);
+  EXPECT_EQ(f.Check("192.168.1.20", kRight), V::kLockedOut);
+  EXPECT_EQ(f.Check("192.168.1.21", kRight), V::kServe);  // only that address
+  f.clock.Advance(std::chrono::seconds(59));
+  EXPECT_EQ(f.Check("192.168.1.20", kRight), V::kLockedOut);
+  f.clock.Advance(std::chrono::seconds(1));
+  EXPECT_EQ(f.Check("192.168.1.20", kRight), V::kServe);
+
+  // A credential that verified is not derived again for a while, nor after the hash changed.
+  const int derived = f.derivations;
+  for (int i = 0; i < 10; ++i) ASSERT_EQ(f.Check("192.168.1.20", kRight), V::kServe);
+  EXPECT_EQ(f.derivations, derived);
+  f.clock.Advance(Guard::kRemember);
+  EXPECT_EQ(f.Check("192.168.1.20", kRight), V::kServe);
+  EXPECT_EQ(f.derivations, derived + 1);
+  f.settings.passwordHash = "h:other";
+  EXPECT_EQ(f.Check("192.168.1.20", kRight), V::kWrongPassword);
+}
+
+TEST(GuardTest, AnswersRefusalsItselfAndLogsEachCauseOnceAMinute) {
+  Fixture f;
+  f.settings.passwordHash = "h:secret";
+  auto admit = [&](const std::string& peer, const std::string& headers) {
+    Request request;
+    request.SetRemoteIp(peer);
+    request.ParsePage("GET /wol HTTP/1.1\r\n" + headers + "\r\n");
+    OpenSink sink;
+    Response response(sink, {"", f.clock, f.reporter, nullptr});
+    const bool admitted = f.guard.Admit(request, response);
+    EXPECT_EQ(admitted, sink.sent.empty());
+    return sink.sent;
+  };
+  EXPECT_EQ(admit("192.168.1.20", kLocal),
+            "HTTP/1.1 401 Unauthorized\r\nServer: zel\r\nDate: 22-Nov-26\r\nWWW-Authenticate: Basic "
+            "realm=\"Tavrel\"\r\nConnection: close\r\nContent-Type: text/plain\r\nContent-Length: 31\r\n\r\n"
+            "This page needs its password.\r\n");
+  EXPECT_EQ(admit("192.168.1.20", kRight), "");
+  EXPECT_TRUE(f.reporter.calls.empty());  // asking for the password is no trouble
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_TRUE(admit("198.51.100.7", kLocal).starts_with("HTTP/1.1 403 Forbidden\r\n"));
+    EXPECT_TRUE(admit("192.168.1.20", "Host: evil.example\r\n").starts_with("HTTP/1.1 403 Forbidden\r\n"));
+  }
+  EXPECT_EQ(f.reporter.calls.size(), 2u);
+  f.clock.Advance(std::chrono::seconds(60));
+  admit("198.51.100.7", kLocal);
+  ASSERT_EQ(f.reporter.calls.size(), 3u);
+  EXPECT_NE(f.reporter.calls[2].text.find("(2 more"), std::string::npos) << f.reporter.calls[2].text;
+}
+
+}  // namespace
+}  // namespace tavrel
