@@ -12,13 +12,17 @@
 namespace tavrel {
 
 // The answer side of one connection socket, without the socket: the bytes waiting to be written, the
-// tag, the binary body under way and the socket's own send time-out. Every slot has one, whatever its
-// index. The socket side (TCPServer) writes what StartWrite hands it and reports back through Written.
+// tag, the binary body under way, the time limit on the request and the socket's own send time-out.
+// Every slot has them, whatever its index. The socket side (TCPServer) writes what StartWrite hands it
+// and reports each write, whole or partial, through Wrote.
 class ConnectionSlot : public ConnectionSink {
  public:
   // Nothing written for this long: a binary body goes on with its next piece, any other answer is
   // given up and the connection closed.
   static constexpr std::chrono::milliseconds kSendTimeout = BinaryBody::kPieceTimeout;
+  // A connection not answered this long after it opened is closed, so silent clients cannot hold
+  // every slot.
+  static constexpr std::chrono::milliseconds kRequestTimeout{10000};
 
   // What a slot tells the server that owns it.
   class Owner {
@@ -28,6 +32,8 @@ class ConnectionSlot : public ConnectionSink {
     virtual void Socket_SendComplete(int index) = 0;
     // An answer that is over could not be written within kSendTimeout.
     virtual void SendTimedOut(int index) = 0;
+    // Nothing was answered within kRequestTimeout of the connection's opening.
+    virtual void RequestTimedOut(int index) = 0;
   };
 
   ConnectionSlot(int index, Owner& owner, TimerFactory& timers);
@@ -46,30 +52,34 @@ class ConnectionSlot : public ConnectionSink {
   bool Sending() const { return !outbox_.empty() || body_ != nullptr; }
   void StopSendTimer() { sendTimer_->Stop(); }
 
-  // The socket side: a connection was accepted on this slot.
+  // The socket side: a connection was accepted on this slot; its request time limit starts.
   void Opened(std::string remoteIp);
-  // The socket side: the bytes last handed to StartWrite have been written.
-  void Written();
+  // The socket side: n of the bytes last handed to StartWrite have been written.
+  void Wrote(size_t n);
   // Closes the socket; whatever waits to be written is dropped. Nothing happens on a closed slot.
   void Close();
 
  protected:
-  // Writes bytes (which stay valid until Written or Close); must not call back before it returns.
-  virtual void StartWrite(const std::string& bytes) = 0;
+  // Writes some of bytes (which stay valid until Wrote or Close); must not call back before it returns.
+  virtual void StartWrite(std::string_view bytes) = 0;
   virtual void CloseSocket() = 0;
 
  private:
   void WriteNext();
   void Pump();
   void OnTimeout();
+  void ArmSendTimer();
 
   int index_;
   Owner& owner_;
   std::unique_ptr<Timer> sendTimer_;
+  std::unique_ptr<Timer> requestTimer_;
   int state_ = 0;
   std::string tag_ = "0";
   std::string remoteIp_;
   std::deque<std::string> outbox_;
+  // How much of the front of the outbox is written.
+  size_t written_ = 0;
   bool writing_ = false;
   std::unique_ptr<BinaryBody> body_;
 };

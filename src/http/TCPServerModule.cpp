@@ -196,6 +196,12 @@ void TCPServerModule::SendTimedOut(int index) {
   Socket_Close(index);
 }
 
+void TCPServerModule::RequestTimedOut(int index) {
+  WriteServerLog("Request time-out for socket " + std::to_string(index) + ": nothing answered within " +
+                 std::to_string(ConnectionSlot::kRequestTimeout.count() / 1000) + " s, closing");
+  Socket_Close(index);
+}
+
 void TCPServerModule::Socket_Close(int index) {
   try {
     ConnectionSlot* slot = Slot(index);

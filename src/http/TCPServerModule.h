@@ -100,6 +100,7 @@ class TCPServerModule : private ConnectionSlot::Owner {
  private:
   void Socket_SendComplete(int index) override;
   void SendTimedOut(int index) override;
+  void RequestTimedOut(int index) override;
   void AddSlot();
   void Serve(RequestQueue::Entry entry);
   void JoinPostData(Request& request, int index);

@@ -32,23 +32,28 @@ class RecordingPages : public PageHandler {
   std::vector<std::string> calls;
 };
 
-// A slot whose writes complete only when the test says so.
+// A slot whose writes complete only when the test says so: each StartWrite is noted, and what the
+// client has taken collects in sent.
 class FakeSlot final : public ConnectionSlot {
  public:
   using ConnectionSlot::ConnectionSlot;
-  void StartWrite(const std::string& bytes) override {
-    written.push_back(bytes);
+  void StartWrite(std::string_view bytes) override {
+    written.emplace_back(bytes);
     ++pending;
   }
   void CloseSocket() override { ++closes; }
+  // The pending write takes its first n bytes (all of them by default).
+  void Take(size_t n = std::string::npos) {
+    --pending;
+    sent += written.back().substr(0, n);
+    Wrote(std::min(n, written.back().size()));
+  }
   // Completes every write, those started on the way included.
   void Flush() {
-    while (pending > 0 && State() == kConnected) {
-      --pending;
-      Written();
-    }
+    while (pending > 0 && State() == kConnected) Take();
   }
   Lines written;
+  std::string sent;
   int pending = 0;
   int closes = 0;
 };
@@ -201,7 +206,44 @@ TEST_F(ServerModuleTest, ClientThatTakesNothingIsClosedAfterTheTimeOuts) {
   timers.Advance(ConnectionSlot::kSendTimeout);
   EXPECT_EQ(image.State(), 0);
   EXPECT_EQ(image.written.size(), 1u);
-  EXPECT_EQ(server->SocketsOpen(), 19);
+  EXPECT_EQ(server->SocketsOpen(), 0);  // the 19 silent ones went at 10 s
+  EXPECT_EQ(timers.ArmedCount(), 0u);
+}
+
+// Ten seconds to be answered, then an answer lives as long as it makes progress every 5 s.
+TEST_F(ServerModuleTest, RequestTimeLimitAndSendTimeOutCountedFromLastProgress) {
+  pages.answer = "";
+  auto server = Make();
+  const int silent = server->Connect(), unanswered = server->Connect();
+  FakeSlot& slow = server->At(server->Connect());
+  FakeSlot& stalled = server->At(server->Connect());
+  auto get = [](int index) { return std::to_string(index) + "|GET /wol HTTP/1.1\r\n\r\n"; };
+  Arrive(*server, {get(unanswered)});
+  pages.answer = std::string(5000, 'p');
+  Arrive(*server, {get(slow.Index()), get(stalled.Index())});  // answered at 100 ms
+  timers.Advance(3000ms);
+  slow.Take(100);
+  stalled.Take(100);  // its last progress: closed at 8.1 s, not 5.1 s
+  timers.Advance(4900ms);
+  slow.Take(100);
+  EXPECT_EQ(stalled.State(), ConnectionSink::kConnected);
+  timers.Advance(100ms);
+  EXPECT_EQ(stalled.State(), 0);
+  timers.Advance(1899ms);
+  EXPECT_EQ(server->Slot(silent)->State() + server->Slot(unanswered)->State(),
+            2 * ConnectionSink::kConnected);
+  timers.Advance(1ms);
+  EXPECT_EQ(server->Slot(silent)->State() + server->Slot(unanswered)->State(), 0);
+  slow.Take(100);
+  for (int i = 0; i < 10; ++i) {
+    timers.Advance(ConnectionSlot::kSendTimeout - 1ms);
+    ASSERT_EQ(slow.State(), ConnectionSink::kConnected) << i;
+    slow.Take(100);
+  }
+  slow.Flush();
+  EXPECT_EQ(slow.sent, slow.written.front());  // every byte once, in order
+  EXPECT_TRUE(slow.sent.ends_with("\r\n\r\n" + pages.answer));
+  EXPECT_EQ(server->SocketsOpen(), 0);
   EXPECT_EQ(timers.ArmedCount(), 0u);
 }
 

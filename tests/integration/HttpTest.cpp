@@ -254,11 +254,12 @@ TEST_F(HttpTest, PostInTwoPacketsRenamesAComputer) {
             "[WOL]\nHSADDRESS=127.0.0.9\nHSWEBPORT=8081\nHTTPPORT=8080\nSUBNET=127.0.0\n");
 }
 
-TEST_F(HttpTest, PastOneHundredConnectionsTheRestAreTurnedAwayAndTheHeldOnesServed) {
+TEST_F(HttpTest, PastOneHundredConnectionsTheRestAreTurnedAwayAndSilentOnesLetGoAfterTenSeconds) {
+  const auto start = steady_clock::now();
   std::vector<int> held;
   for (int i = 0; i < 120; ++i) held.push_back(Connect());
   ASSERT_EQ(std::count(held.begin(), held.end(), -1), 0);
-  // Turned away: closed by the server without an answer.
+  // Turned away or let go: closed by the server without an answer.
   auto closed = [&] {
     return std::count_if(held.begin(), held.end(), [](int fd) {
       pollfd p{fd, POLLIN, 0};
@@ -274,9 +275,51 @@ TEST_F(HttpTest, PastOneHundredConnectionsTheRestAreTurnedAwayAndTheHeldOnesServ
   ASSERT_NE(open, held.end());
   Send(*open, Get("/missing.gif"));
   EXPECT_EQ(Masked(ReadToClose(*open)), kNotFoundImage);
+  // The 99 that say nothing hold their sockets until their 10 s are up; then a newcomer is served.
+  EXPECT_TRUE(WaitFor([&] { return closed() == 120; }, 12s)) << closed();
+  const auto waited = steady_clock::now() - start;
+  EXPECT_TRUE(waited > 9500ms && waited < 11s) << (waited / 1ms);
+  EXPECT_EQ(Masked(Ask(Get("/missing.gif"))), kNotFoundImage);
   for (int fd : held) close(fd);
-  // Once they are let go, a newcomer is served again.
-  EXPECT_TRUE(WaitFor([] { return Masked(Ask(Get("/missing.gif"))) == kNotFoundImage; }));
+}
+
+// A client that takes the page a little at a time gets all of it, however long that takes, as long as
+// it keeps taking.
+TEST_F(HttpTest, SlowReaderGetsALargePageWhole) {
+  std::string ini = "[WOL]\r\nHTTPPort=8080\r\n[Computer]\r\n", arp = "[ARP]\r\n";
+  for (int i = 0; i < 1000; ++i) {
+    const std::string ip = "127.0." + std::to_string(10 + i / 250) + "." + std::to_string(1 + i % 250);
+    ini += "pc" + std::to_string(i) + "=" + ip + "\r\n";
+    arp += ip + "=00-11-22-33-" + std::to_string(10 + i / 100) + "-" + std::to_string(10 + i % 90) + "\r\n";
+  }
+  // Left alone, the kernel takes the whole page into the server's send buffer at once (up to 4 MiB);
+  // kept as small as many systems have it, the page goes out only as fast as the client reads.
+  WriteFile("/proc/sys/net/ipv4/tcp_wmem", "4096 16384 65536");  // this test's network namespace only
+  node_ = std::make_unique<Node>(hub_->Port(), ini + arp);
+  node_->Start();
+  ASSERT_TRUE(WaitFor([] { return !Ask(Get("/probe.gif")).empty(); }));
+  int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  int room = 4096;  // set before connecting, so the window stays small
+  setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &room, sizeof room);
+  timeval stall{6, 0};
+  setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &stall, sizeof stall);
+  sockaddr_in to = Hub::Loopback(kPort);
+  ASSERT_EQ(connect(fd, reinterpret_cast<sockaddr*>(&to), sizeof to), 0);
+  Send(fd, Get("/wol"));
+  const auto start = steady_clock::now();
+  std::string got;
+  char buf[1024];
+  for (ssize_t n; (n = recv(fd, buf, sizeof buf, 0)) > 0;) {
+    got.append(buf, static_cast<size_t>(n));
+    std::this_thread::sleep_for(10ms);
+  }
+  const auto took = steady_clock::now() - start;
+  close(fd);
+  std::smatch length;
+  ASSERT_TRUE(std::regex_search(got, length, std::regex("\r\nContent-Length: (\\d+)\r\n"))) << got.size();
+  EXPECT_EQ(got.size() - got.find("\r\n\r\n") - 4, std::stoul(length[1]));
+  EXPECT_NE(got.find("value='pc999'"), std::string::npos);
+  EXPECT_TRUE(took > 6s && took < 20s) << (took / 1ms);
 }
 
 }  // namespace
