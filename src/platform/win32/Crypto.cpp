@@ -1,12 +1,13 @@
 #include "platform/Crypto.h"
 
+// clang-format off
+#include "platform/SystemHeaders.h"
 #include <bcrypt.h>
+// clang-format on
 
 #include <cstdio>
 #include <limits>
 #include <stdexcept>
-
-#include "platform/SystemHeaders.h"
 
 namespace tavrel::platform {
 
