@@ -10,7 +10,7 @@ inline constexpr std::string_view kPasswordHashSection = "WOL";
 inline constexpr std::string_view kPasswordHashKey = "HTTPPasswordHash";
 
 // PBKDF2-HMAC-SHA256 rounds for a new password. A check runs on the program's one loop when a browser
-// first sends the password: 52-55 ms measured with Nettle on an x86-64 server core with the SHA
+// first sends the password: 52-63 ms measured with Nettle on an x86-64 server core with the SHA
 // extensions (release build), the low end of what the loop can spare, as home machines are often slower.
 inline constexpr unsigned kPasswordIterations = 400000;
 
