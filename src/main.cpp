@@ -1,4 +1,4 @@
-// tavrel: the service, and two small tools on the same binary (wake, scan).
+// tavrel: the service, and small tools on the same binary (wake, scan, set-password).
 #include <csignal>
 #include <cstdio>
 #include <filesystem>
@@ -12,6 +12,7 @@
 
 #include "Version.h"
 #include "app/CommandLine.h"
+#include "app/SetPassword.h"
 #include "app/StartupLine.h"
 #include "app/Tavrel.h"
 #include "lan/ComputerActions.h"
@@ -58,13 +59,27 @@ int Wake(const std::vector<std::string>& args) {
   return SendWOL(mac, ip, reporter) ? 0 : 1;
 }
 
-int RunService(const CommandLine& cmd) {
-  platform::TuneAllocatorForService();
-  const std::filesystem::path home = ResolveHome(cmd);
+// The home folder as the service resolves it; empty after saying why it cannot be used.
+std::filesystem::path UsableHome(const CommandLine& cmd) {
+  std::filesystem::path home = ResolveHome(cmd);
   if (std::string problem = HomeFolderError(home); !problem.empty()) {
     std::cerr << "tavrel: " << problem << "\n";
-    return 2;
+    return {};
   }
+  return home;
+}
+
+int SetPassword(const CommandLine& cmd) {
+  const std::filesystem::path home = UsableHome(cmd);
+  if (home.empty()) return 2;
+  ConsoleReporter reporter;
+  return SetPasswordCommand(home, cmd.clear, reporter, std::cout, std::cerr);
+}
+
+int RunService(const CommandLine& cmd) {
+  platform::TuneAllocatorForService();
+  const std::filesystem::path home = UsableHome(cmd);
+  if (home.empty()) return 2;
   asio::io_context io;
   SystemClock clock;
   Tavrel app(io, home, clock, Tavrel::Options{cmd.debug, cmd.noTray});
@@ -113,6 +128,8 @@ int main(int argc, char** argv) {
       return Wake(cmd.arguments);
     case CommandLine::Action::Scan:
       return ScanCommand(cmd.arguments, std::cout, std::cerr);
+    case CommandLine::Action::SetPassword:
+      return SetPassword(cmd);
     case CommandLine::Action::Run:
       break;
   }

@@ -57,10 +57,16 @@ CommandLine ParseCommandLine(const std::vector<std::string>& args) {
       cmd.home = args[++i];
     } else if (a.rfind("--home=", 0) == 0 && a.size() > 7) {
       cmd.home = a.substr(7);
+    } else if (a == "set-password" && cmd.action == CommandLine::Action::Run) {
+      cmd.action = CommandLine::Action::SetPassword;
+    } else if (a == "--clear") {
+      cmd.clear = true;
     } else {
       return Fail("unknown argument: " + a);
     }
   }
+  if (cmd.clear && cmd.action != CommandLine::Action::SetPassword)
+    return Fail("--clear goes with set-password");
   return cmd;
 }
 
@@ -68,6 +74,7 @@ std::string UsageText() {
   return "usage: tavrel [--home DIR] [--debug] [--no-tray]   run the service\n"
          "       tavrel wake MAC [IP]                         send one Wake-on-LAN packet\n"
          "       tavrel scan SUBNET...                        sweep subnets (a.b.c) and print IP and MAC\n"
+         "       tavrel [--home DIR] set-password [--clear]   set (or remove) the page's password\n"
          "       tavrel --version | --help\n"
          "\n"
          "  MAC          12 hexadecimal digits, bare or with \"-\", \":\" or \".\" between them\n"
@@ -83,6 +90,9 @@ std::string UsageText() {
          "  --debug      write the web server's debug log to Data/tavrel/server.log in the home folder\n"
          "  --no-tray    no notification-area icon: run headless, as a service (without a desktop, a\n"
          "               session bus or a tray host that is the way it runs anyway)\n"
+         "  set-password asks for a password twice (unseen; not on a terminal: reads one line) and\n"
+         "               keeps its salted hash as HTTPPasswordHash in Config/tavrel.ini; the page then\n"
+         "               asks for it (HTTP Basic, any user name). --clear removes it.\n"
          "\n"
          "Once started, the service prints one line on standard error: its xAP address and port, the\n"
          "page's address and its home folder.\n"

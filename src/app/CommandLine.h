@@ -8,12 +8,13 @@ namespace tavrel {
 
 // What the command line asks for.
 struct CommandLine {
-  enum class Action { Run, Version, Help, Wake, Scan, Error };
+  enum class Action { Run, Version, Help, Wake, Scan, SetPassword, Error };
 
   Action action = Action::Run;
   std::filesystem::path home;  // --home, empty when not given
   bool debug = false;
   bool noTray = false;
+  bool clear = false;                  // set-password --clear
   std::vector<std::string> arguments;  // of "wake" and "scan"
   std::string error;                   // with Action::Error
 };

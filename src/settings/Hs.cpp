@@ -119,6 +119,14 @@ void Hs::ClearINISection(std::string_view section, std::string_view file) {
   Forget(FilePath(file));
 }
 
+void Hs::RemoveIniSetting(std::string_view section, std::string_view key, std::string_view file) {
+  IniTool ini(reporter_);
+  ini.Load(FilePath(file));
+  ini.Remove(section, key);
+  ini.Save();
+  Forget(FilePath(file));
+}
+
 std::string Hs::Version() const {
   return std::to_string(kVersionMajor) + "." + std::to_string(kVersionMinor) + "." +
          std::to_string(kVersionRevision);

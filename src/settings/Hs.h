@@ -43,6 +43,8 @@ class Hs {
   // Every pair of the section as key "=" value, in order, joined by character 0.
   std::string GetINISection(std::string_view section, std::string_view file = {}) const;
   void ClearINISection(std::string_view section, std::string_view file = {});
+  // Removes the key from the section, and saves.
+  void RemoveIniSetting(std::string_view section, std::string_view key, std::string_view file = {});
 
   // Major, minor and revision joined by ".".
   std::string Version() const;

@@ -1,8 +1,10 @@
 // The one line the program prints once it has started, byte for byte, for each state of its web server
-// and of its xAP port.
+// and of its xAP port; and `tavrel set-password`, which writes the page's password into a home.
 #include <gtest/gtest.h>
 
 #include "Node.h"
+#include "http/PasswordHash.h"
+#include "settings/Hs.h"
 
 namespace tavrel::test {
 namespace {
@@ -48,6 +50,53 @@ TEST(StartupLineTest, SaysWhereTheNodeListensWhereThePageIsAndHowToStop) {
     EXPECT_EQ(tavrel.WaitExit(), 0) << c.what;
   }
   close(held);
+}
+
+// The program run as a tool with input as its standard input; its exit code.
+int RunTool(std::vector<const char*> argv, const std::string& input, const std::filesystem::path& scratch) {
+  WriteFile(scratch / "stdin.txt", input);
+  const std::string in = (scratch / "stdin.txt").string();
+  argv.insert(argv.begin(), TAVREL_BINARY);
+  argv.push_back(nullptr);
+  posix_spawn_file_actions_t files;
+  posix_spawn_file_actions_init(&files);
+  posix_spawn_file_actions_addopen(&files, 0, in.c_str(), O_RDONLY, 0);
+  posix_spawn_file_actions_addopen(&files, 1, "/dev/null", O_WRONLY, 0);
+  posix_spawn_file_actions_addopen(&files, 2, "/dev/null", O_WRONLY, 0);
+  pid_t pid = -1;
+  int status = -1;
+  if (posix_spawn(&pid, TAVREL_BINARY, &files, nullptr, const_cast<char**>(argv.data()), environ) == 0)
+    waitpid(pid, &status, 0);
+  posix_spawn_file_actions_destroy(&files);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+TEST(SetPasswordTest, StoresAHashOfTheLineReadRefusesNoPasswordAndClears) {
+  TempDir scratch, home;  // home has no Config folder yet
+  const std::string h = home.Path().string();
+  RecordingReporter reporter;
+  Hs hs(home.Path() / "Config", reporter);
+  auto stored = [&] { return hs.GetINISetting(kPasswordHashSection, kPasswordHashKey, "", kIniFile); };
+  struct Case {
+    std::vector<const char*> args;
+    std::string input;
+    int exitCode;
+    const char* password;  // the one the stored hash must verify; "" none stored
+  } const cases[] = {
+      {{"set-password", "--home", h.c_str()}, "secret\n", 0, "secret"},
+      {{"--home", h.c_str(), "set-password"}, "", 2, "secret"},      // end of input: nothing written
+      {{"--home", h.c_str(), "set-password"}, "\r\n", 2, "secret"},  // empty
+      {{"--home", h.c_str(), "--clear"}, "", 2, "secret"},           // --clear alone
+      {{"--home", h.c_str(), "set-password"}, "an other\r\nnext\n", 0, "an other"},
+      {{"set-password", "--clear", "--home", h.c_str()}, "", 0, ""},
+  };
+  for (const Case& c : cases) {
+    const std::string what = c.input + " after " + std::to_string(&c - cases);
+    EXPECT_EQ(RunTool(c.args, c.input, scratch.Path()), c.exitCode) << what;
+    EXPECT_EQ(IsPasswordHash(stored()), *c.password != '\0') << what << stored();
+    EXPECT_TRUE(*c.password == '\0' || VerifyPassword(stored(), c.password)) << what;
+  }
+  EXPECT_TRUE(reporter.Take().empty());
 }
 
 }  // namespace

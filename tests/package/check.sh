@@ -23,6 +23,7 @@ field() { dpkg-deb -f "$deb" "$1"; }
 [ "$(field Section)" = net ] || fail "Section: $(field Section)"
 [ -n "$(field Maintainer)" ] || fail "no Maintainer"
 [[ "$(field Depends)" == *libc6* ]] || fail "Depends not computed from the program: $(field Depends)"
+[[ "$(field Depends)" == *libnettle* ]] || fail "Depends lacks Nettle (the password hash): $(field Depends)"
 version=$(field Version)
 
 # Exactly these files, nothing else (directories aside).

@@ -1,0 +1,17 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace tavrel::platform {
+
+// True when standard input is a terminal (a console on Windows), where a person types.
+bool StdinIsTerminal();
+
+// Writes prompt to standard error and reads one line from standard input, without its line end. On a
+// terminal the typing is not shown, and showing it is restored however the read ends (Ctrl+C too).
+// nullopt at the end of input.
+std::optional<std::string> ReadSecretLine(std::string_view prompt);
+
+}  // namespace tavrel::platform

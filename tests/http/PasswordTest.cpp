@@ -1,0 +1,89 @@
+// The page's password hash: the system's PBKDF2 against published vectors, and the stored text, which
+// must verify alike on every platform.
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "http/PasswordHash.h"
+#include "platform/Crypto.h"
+
+namespace tavrel {
+namespace {
+
+std::string Hex(const std::string& bytes) {
+  std::string hex;
+  char two[3];
+  for (unsigned char b : bytes) {
+    snprintf(two, sizeof two, "%02x", b);
+    hex += two;
+  }
+  return hex;
+}
+
+TEST(PasswordTest, Pbkdf2GivesThePublishedVectors) {
+  struct Case {
+    const char *password, *salt;
+    unsigned iterations;
+    const char* key;
+  } const cases[] = {
+      // RFC 7914, section 11
+      {"passwd", "salt", 1,
+       "55ac046e56e3089fec1691c22544b605f94185216dde0465e68b9d57c20dacbc"
+       "49ca9cccf179b645991664b39d77ef317c71b845b1e30bd509112041d3a19783"},
+      {"Password", "NaCl", 80000,
+       "4ddcd8f60b98be21830cee5ef22701f9641a4418d04c0414aeff08876b34ab56"
+       "a1d425a1225833549adb841b51c9b3176a272bdebba1d078478f62b397f33c8d"},
+  };
+  for (const Case& c : cases)
+    EXPECT_EQ(Hex(platform::Pbkdf2HmacSha256(c.password, c.salt, c.iterations, 64)), c.key) << c.password;
+}
+
+// Made elsewhere (another PBKDF2 implementation): a settings file written on one system verifies on any.
+constexpr std::string_view kSecret =
+    "pbkdf2-sha256$1000$a0a1a2a3a4a5a6a7a8a9aaabacadaeaf$"
+    "4b47379d593c45497f48997e42a5f888ecd450992e0872eacbccd5e023facc2d";
+
+TEST(PasswordTest, StoredHashVerifiesOnlyItsPasswordAndMalformedTextIsRefused) {
+  EXPECT_TRUE(VerifyPassword(kSecret, "secret"));
+  const std::string made = MakePasswordHash("s\xe9 cr$t=", 1000);
+  ASSERT_EQ(made.size(), kSecret.size()) << made;
+  EXPECT_EQ(made.substr(0, 19), "pbkdf2-sha256$1000$");
+  EXPECT_EQ(made.find_first_not_of("0123456789abcdef$", 19), std::string::npos) << made;
+  EXPECT_NE(made, MakePasswordHash("s\xe9 cr$t=", 1000));  // a fresh salt each time
+  EXPECT_TRUE(VerifyPassword(made, "s\xe9 cr$t="));
+  EXPECT_TRUE(IsPasswordHash(made));
+  for (std::string_view other : {"", "Secret", "secret ", "secre"})
+    EXPECT_FALSE(VerifyPassword(kSecret, other));
+
+  const std::string salt = "a0a1a2a3a4a5a6a7a8a9aaabacadaeaf";
+  const std::string key = "4b47379d593c45497f48997e42a5f888ecd450992e0872eacbccd5e023facc2d";
+  const std::string bad[] = {
+      "",
+      "pbkdf2-sha1$1000$" + salt + "$" + key,
+      "PBKDF2-SHA256$1000$" + salt + "$" + key,
+      "pbkdf2-sha256$0$" + salt + "$" + key,
+      "pbkdf2-sha256$01000$" + salt + "$" + key,
+      "pbkdf2-sha256$+1000$" + salt + "$" + key,
+      "pbkdf2-sha256$10000001$" + salt + "$" + key,
+      "pbkdf2-sha256$4294968296$" + salt + "$" + key,  // 1000 past 2^32
+      "pbkdf2-sha256$$" + salt + "$" + key,
+      "pbkdf2-sha256$1000$" + salt.substr(2) + "$" + key,
+      "pbkdf2-sha256$1000$" + salt + "$" + key + "00",
+      "pbkdf2-sha256$1000$" + salt + "$" + key.substr(0, 62),
+      "pbkdf2-sha256$1000$" + salt + "$" + key.substr(0, 63) + "g",
+      "pbkdf2-sha256$1000$" + salt + "$" + key + "$",
+      "pbkdf2-sha256$1000$" + salt + key,
+      " " + std::string(kSecret),
+  };
+  for (const std::string& stored : bad) {
+    EXPECT_FALSE(IsPasswordHash(stored)) << stored;
+    EXPECT_FALSE(VerifyPassword(stored, "secret")) << stored;
+  }
+  // Well formed but with other rounds: the count is part of what is checked.
+  const std::string otherRounds = "pbkdf2-sha256$1001$" + salt + "$" + key;
+  EXPECT_TRUE(IsPasswordHash(otherRounds));
+  EXPECT_FALSE(VerifyPassword(otherRounds, "secret"));
+}
+
+}  // namespace
+}  // namespace tavrel
