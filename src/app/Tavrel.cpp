@@ -7,6 +7,7 @@
 #include "core/Folders.h"
 #include "core/Text.h"
 #include "http/Guard.h"
+#include "http/PasswordHash.h"
 #include "http/TCPServer.h"
 #include "lan/ComputerActions.h"
 #include "lan/LanScan.h"
@@ -100,14 +101,14 @@ void Tavrel::StartServer() {
       PageContext{table_, hs_, clock_, log_,
                   PageActions::ForLan(*lanScan_, xapGlobal_, log_, [this] { return transport_->LocalIP(); }),
                   scripts_.get(), hs_.GetINISetting("WOL", "ScriptPages", "0", kIniFile) == "1"});
-  guard_ = std::make_unique<Guard>(
-      Guard::Context{clock_, log_,
-                     [this] {
-                       return Guard::Settings{hs_.GetINISetting("WOL", "HTTPAllow", "", kIniFile),
-                                              hs_.GetINISetting("WOL", "HTTPHosts", "", kIniFile),
-                                              hs_.GetINISetting("WOL", "HTTPPasswordHash", "", kIniFile)};
-                     },
-                     startup_.LocalComputerName, platform::LocalIPv4Networks, nullptr, nullptr});
+  guard_ = std::make_unique<Guard>(Guard::Context{
+      clock_, log_,
+      [this] {
+        return Guard::Settings{hs_.GetINISetting("WOL", "HTTPAllow", "", kIniFile),
+                               hs_.GetINISetting("WOL", "HTTPHosts", "", kIniFile),
+                               hs_.GetINISetting(kPasswordHashSection, kPasswordHashKey, "", kIniFile)};
+      },
+      startup_.LocalComputerName, platform::LocalIPv4Networks, VerifyPassword, IsPasswordHash});
   TCPServer::Settings settings;
   settings.httpPort = httpPortSetting_;
   const std::string hsAddress = hs_.GetINISetting("WOL", "HSAddress", "", kIniFile);
