@@ -104,6 +104,7 @@ void Tavrel::StartServer() {
   guard_ = std::make_unique<Guard>(Guard::Context{
       clock_, log_,
       [this] {
+        const Hs::Pin pin(hs_);
         return Guard::Settings{hs_.GetINISetting("WOL", "HTTPAllow", "", kIniFile),
                                hs_.GetINISetting("WOL", "HTTPHosts", "", kIniFile),
                                hs_.GetINISetting(kPasswordHashSection, kPasswordHashKey, "", kIniFile)};

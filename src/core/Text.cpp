@@ -162,3 +162,16 @@ bool ParseInt(std::string_view s, long long lo, long long hi, long long& out) {
 }
 
 }  // namespace tavrel
+
+namespace tavrel {
+
+std::string Concat(std::initializer_list<std::string_view> pieces) {
+  size_t length = 0;
+  for (const std::string_view piece : pieces) length += piece.size();
+  std::string out;
+  out.reserve(length);
+  for (const std::string_view piece : pieces) out.append(piece);
+  return out;
+}
+
+}  // namespace tavrel

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <initializer_list>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -29,6 +30,8 @@ size_t FindNoCase(std::string_view haystack, std::string_view needle, size_t pos
 // empty ones included ("a,,b" gives three pieces).
 std::vector<std::string> Split(std::string_view s, std::string_view delim);
 std::string Join(const std::vector<std::string>& parts, std::string_view delim);
+// The pieces one after another, in one allocation.
+std::string Concat(std::initializer_list<std::string_view> pieces);
 
 std::string Replace(std::string_view s, std::string_view find, std::string_view with);
 std::string ReplaceNoCase(std::string_view s, std::string_view find, std::string_view with);

@@ -22,7 +22,7 @@ void ConnectionSlot::Opened(std::string remoteIp) {
 void ConnectionSlot::SendData(std::string bytes) {
   if (state_ != kConnected) return;
   requestTimer_->Stop();
-  outbox_.push_back(std::move(bytes));
+  outbox_.push_back(std::make_shared<const std::string>(std::move(bytes)));
   if (!writing_) WriteNext();
   // A body arms the time-out itself, piece by piece.
   if (!body_) ArmSendTimer();
@@ -37,13 +37,13 @@ void ConnectionSlot::StartBody(std::unique_ptr<BinaryBody> body) {
 
 void ConnectionSlot::WriteNext() {
   writing_ = true;
-  StartWrite(std::string_view(outbox_.front()).substr(written_));
+  StartWrite(std::string_view(*outbox_.front()).substr(written_), outbox_.front());
 }
 
 void ConnectionSlot::Wrote(size_t n) {
   if (state_ != kConnected || outbox_.empty()) return;
   written_ += n;
-  if (written_ < outbox_.front().size()) {
+  if (written_ < outbox_.front()->size()) {
     // Progress restarts a text answer's time-out; a body keeps its piece's.
     WriteNext();
     if (!body_ && n > 0) ArmSendTimer();

@@ -60,8 +60,9 @@ class ConnectionSlot : public ConnectionSink {
   void Close();
 
  protected:
-  // Writes some of bytes (which stay valid until Wrote or Close); must not call back before it returns.
-  virtual void StartWrite(std::string_view bytes) = 0;
+  // Writes some of bytes, which lie in owner: a write still under way when the slot closes keeps owner
+  // alive. Must not call back before it returns.
+  virtual void StartWrite(std::string_view bytes, std::shared_ptr<const std::string> owner) = 0;
   virtual void CloseSocket() = 0;
 
  private:
@@ -77,7 +78,7 @@ class ConnectionSlot : public ConnectionSink {
   int state_ = 0;
   std::string tag_ = "0";
   std::string remoteIp_;
-  std::deque<std::string> outbox_;
+  std::deque<std::shared_ptr<const std::string>> outbox_;
   // How much of the front of the outbox is written.
   size_t written_ = 0;
   bool writing_ = false;

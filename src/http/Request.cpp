@@ -69,7 +69,7 @@ void Request::ParseKeyValues(std::string_view text, Collection& into, bool formV
       value = Replace(value, "%5D", "]");
       pair.Value = Replace(value, "%5C", "\\");
     }
-    Debug("KeyValue " + pair.Key + " = " + pair.Value);
+    Debug({"KeyValue ", pair.Key, " = ", pair.Value});
     std::string key = pair.Key;
     into.Add(key, std::move(pair));
   }
@@ -85,14 +85,14 @@ std::string Request::ServerVariables(std::string_view name) const {
 std::string Request::QueryString(std::string_view name) const {
   const KeyValuePair* pair = queryStringCol_.Find(name);
   if (!pair) return {};
-  Debug("Querystring " + std::string(name) + "=" + pair->Value);
+  Debug({"Querystring ", name, "=", pair->Value});
   return pair->Value;
 }
 
 std::string Request::Form(std::string_view name) const {
   const KeyValuePair* pair = formCol_.Find(name);
   if (!pair) return {};
-  Debug("Form " + std::string(name) + "=" + pair->Value);
+  Debug({"Form ", name, "=", pair->Value});
   return pair->Value;
 }
 
@@ -157,8 +157,8 @@ std::string Request::Header(std::string_view name) const {
   return value ? *value : std::string();
 }
 
-void Request::Debug(const std::string& line) const {
-  if (log_) log_->WriteLine(line);
+void Request::Debug(std::initializer_list<std::string_view> pieces) const {
+  if (log_) log_->WriteLine(Concat(pieces));
 }
 
 }  // namespace tavrel

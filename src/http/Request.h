@@ -74,7 +74,7 @@ class Request {
 
  private:
   std::string Header(std::string_view name) const;
-  void Debug(const std::string& line) const;
+  void Debug(std::initializer_list<std::string_view> pieces) const;
 
   ServerLog* log_;
   std::string method_, page_, query_, header_, payload_, remoteip_;

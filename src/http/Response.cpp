@@ -84,8 +84,8 @@ void Response::SendTextString(const std::string& text) {
                       answer);
     }
     if (!SendText(std::move(answer))) {
-      Debug("Unable to send TextString to socket " + std::to_string(index()) + " because State is " +
-            std::to_string(socket_.State()));
+      Debug({"Unable to send TextString to socket ", std::to_string(index()), " because State is ",
+             std::to_string(socket_.State())});
     }
   } catch (const std::exception& e) {
     Fail("TCPSever_SendTextString ", e);
@@ -112,8 +112,8 @@ void Response::SendTextFile(std::string_view page) {
     Line(out, "");
     out.Append(*text);
     if (SendText(out.ToString())) {
-      Debug(">>>>>>>>>>> SendingTextFile " + std::string(page) + " to socket " + std::to_string(index()) +
-            " with length " + length);
+      Debug({">>>>>>>>>>> SendingTextFile ", std::string(page), " to socket ", std::to_string(index()),
+             " with length ", length});
     } else {
       ctx_.reporter.ReportEvent(kModule, "TCPServer Unable to send TextFile " + std::string(page) +
                                              " to socket " + std::to_string(index()) + " because State is " +
@@ -137,10 +137,10 @@ void Response::SendErrorResponse() {
     Line(out, "");
     out.Append(kBody);
     if (SendText(out.ToString())) {
-      Debug(">>>>>>>>>>> SendingError  to socket " + std::to_string(index()));
+      Debug({">>>>>>>>>>> SendingError  to socket ", std::to_string(index())});
     } else {
-      Debug("Unable to send Error Resonse to socket " + std::to_string(index()) + " because State is " +
-            std::to_string(socket_.State()));
+      Debug({"Unable to send Error Resonse to socket ", std::to_string(index()), " because State is ",
+             std::to_string(socket_.State())});
     }
   } catch (const std::exception& e) {
     Fail("TCPServer_SendError_Response ", e);
@@ -174,7 +174,7 @@ void Response::SendBinaryFile(std::string_view page) {
     Line(out, "Content-Type: " + GetContentType(page).type);
     Line(out, "");
     socket_.SetTag("1");
-    Debug(">>>>>>>>>>> SendingBinaryHeader " + std::string(page) + " to socket " + std::to_string(index()));
+    Debug({">>>>>>>>>>> SendingBinaryHeader ", std::string(page), " to socket ", std::to_string(index())});
     socket_.SendData(out.ToString());
     socket_.StartBody(
         std::make_unique<BinaryBody>(socket_, std::move(in), std::string(page), ctx_.log, ctx_.reporter));
@@ -198,7 +198,7 @@ void Response::RedirectToHS(std::string_view address, const Request& request) {
       Line(out, "Location: " + location);
       Line(out, "Content-Length: 0");
       Line(out, "");
-      Debug(">>>>>>>>>>> Redirect" + page + " to location " + location + " socket " + idx);
+      Debug({">>>>>>>>>>> Redirect", page, " to location ", location, " socket ", idx});
     } else {
       // Everything here but the address comes from the network, so it is escaped.
       FastString body;
@@ -223,11 +223,11 @@ void Response::RedirectToHS(std::string_view address, const Request& request) {
       Line(out, "Content-Length: " + std::to_string(body.Length()));
       Line(out, "");
       out.Append(body.ToString());
-      Debug(">>>>>>>>>>> Resubmit" + page + " to location " + location + " socket " + idx);
+      Debug({">>>>>>>>>>> Resubmit", page, " to location ", location, " socket ", idx});
     }
     if (!SendText(out.ToString())) {
-      Debug("Unable to send TextString to socket " + idx + " because State is " +
-            std::to_string(socket_.State()));
+      Debug({"Unable to send TextString to socket ", idx, " because State is ",
+             std::to_string(socket_.State())});
     }
   } catch (const std::exception& e) {
     Fail("TCPSever_RedirectToHS ", e);
@@ -247,7 +247,7 @@ void Response::SendStatus(std::string_view status, std::string_view text, std::s
     Line(out, "");
     out.Append(text);
     if (SendText(out.ToString()))
-      Debug(">>>>>>>>>>> " + std::string(status) + " to socket " + std::to_string(index()));
+      Debug({">>>>>>>>>>> ", std::string(status), " to socket ", std::to_string(index())});
   } catch (const std::exception& e) {
     Fail("TCPSever_SendTextString ", e);
   }
@@ -278,8 +278,8 @@ bool Response::SendText(std::string answer) {
   return true;
 }
 
-void Response::Debug(const std::string& line) const {
-  if (ctx_.log) ctx_.log->WriteLine(line);
+void Response::Debug(std::initializer_list<std::string_view> pieces) const {
+  if (ctx_.log) ctx_.log->WriteLine(Concat(pieces));
 }
 
 void Response::Fail(std::string_view label, const std::exception& e) const {

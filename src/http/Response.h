@@ -119,7 +119,8 @@ class Response {
   std::string Date() const;
   // Tag "0", then the answer to an open connection; false (nothing sent) when it is not open.
   bool SendText(std::string answer);
-  void Debug(const std::string& line) const;
+  // A debug line from pieces, put together only when debugging.
+  void Debug(std::initializer_list<std::string_view> pieces) const;
   void Fail(std::string_view label, const std::exception& e) const;
 
   ConnectionSink& socket_;

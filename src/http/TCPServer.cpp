@@ -94,18 +94,18 @@ class TCPServer::TcpSlot final : public ConnectionSlot, public std::enable_share
   }
 
   // One write of what the socket takes now, so every bit of progress reaches the slot's time-out.
-  void StartWrite(std::string_view bytes) override {
-    // A copy owned by the operation, so a close while it is pending frees nothing it uses.
-    auto buffer = std::make_shared<std::string>(bytes);
-    socket_.async_write_some(asio::buffer(*buffer), [self = shared_from_this(), gen = generation_, buffer](
-                                                        const std::error_code& ec, size_t n) {
-      if (!self->Current(gen) || ec == asio::error::operation_aborted) return;
-      if (ec) {
-        self->server_->Socket_Close(self->Index());
-        return;
-      }
-      self->Wrote(n);
-    });
+  void StartWrite(std::string_view bytes, std::shared_ptr<const std::string> owner) override {
+    // The operation holds the bytes' owner, so a close while it is pending frees nothing it uses.
+    socket_.async_write_some(asio::buffer(bytes.data(), bytes.size()),
+                             [self = shared_from_this(), gen = generation_, owner = std::move(owner)](
+                                 const std::error_code& ec, size_t n) {
+                               if (!self->Current(gen) || ec == asio::error::operation_aborted) return;
+                               if (ec) {
+                                 self->server_->Socket_Close(self->Index());
+                                 return;
+                               }
+                               self->Wrote(n);
+                             });
   }
 
   void CloseSocket() override {

@@ -49,15 +49,15 @@ int TCPServerModule::Socket_ConnectionRequest(std::string_view requestId) {
       nextSocketIndex_ = candidate;
       ++socketsOpen_;
       refusing_ = false;
-      WriteServerLog("ConnectionRequest for socket " + std::to_string(candidate) + " RequestID=" +
-                     std::string(requestId) + ", Sockets Defined=" + std::to_string(SocketsDefined()) +
-                     ", Sockets Open=" + std::to_string(socketsOpen_));
+      WriteServerLog({"ConnectionRequest for socket ", std::to_string(candidate), " RequestID=",
+                      std::string(requestId), ", Sockets Defined=", std::to_string(SocketsDefined()),
+                      ", Sockets Open=", std::to_string(socketsOpen_)});
       return candidate;
     }
     // Every socket is busy: the newcomer is turned away rather than waited for.
-    WriteServerLog("ConnectionRequest refused, every socket busy: RequestID=" + std::string(requestId) +
-                   ", Sockets Defined=" + std::to_string(SocketsDefined()) +
-                   ", Sockets Open=" + std::to_string(socketsOpen_));
+    WriteServerLog({"ConnectionRequest refused, every socket busy: RequestID=", std::string(requestId),
+                    ", Sockets Defined=", std::to_string(SocketsDefined()),
+                    ", Sockets Open=", std::to_string(socketsOpen_)});
     if (!refusing_) {
       refusing_ = true;
       ctx_.reporter.ReportEvent(kModule, "socket_ConnectionRequest ",
@@ -89,9 +89,8 @@ void TCPServerModule::Socket_DataArrival(int index, std::string data) {
         break;
     }
     if (ctx_.log) {
-      WriteServerLog("Pushing Index " + std::to_string(queue_.Count()) + " for socket " +
-                     std::to_string(index) + " with status " + std::to_string(state) + " with data " +
-                     logged.substr(0, 50));
+      WriteServerLog({"Pushing Index ", std::to_string(queue_.Count()), " for socket ", std::to_string(index),
+                      " with status ", std::to_string(state), " with data ", logged.substr(0, 50)});
       ctx_.log->Write(logged);
     }
     // The delay counts from the first packet of a burst.
@@ -120,7 +119,7 @@ void TCPServerModule::Serve(RequestQueue::Entry entry) {
   request.ParsePage(entry.data);
   if (request.Method() == "POST") JoinPostData(request, index);
   if (!slot) {
-    WriteServerLog("Packet for socket " + std::to_string(index) + " dropped: no such socket");
+    WriteServerLog({"Packet for socket ", std::to_string(index), " dropped: no such socket"});
     return;
   }
   Route(request, *slot);
@@ -132,11 +131,11 @@ void TCPServerModule::JoinPostData(Request& request, int index) {
   const std::string idx = std::to_string(index);
   size_t joined = 0;
   while (!queue_.Empty()) {
-    WriteServerLog("Poping socket for post data for socket " + idx);
+    WriteServerLog({"Poping socket for post data for socket ", idx});
     const int next = queue_.Front().index;
     if (next != index) {
-      WriteServerLog("Post data expected from socket " + idx + " but next packet was from socket " +
-                     std::to_string(next));
+      WriteServerLog({"Post data expected from socket ", idx, " but next packet was from socket ",
+                      std::to_string(next)});
       return;
     }
     RequestQueue::Entry part = queue_.Pop();
@@ -155,7 +154,7 @@ void TCPServerModule::JoinPostData(Request& request, int index) {
 void TCPServerModule::Route(Request& request, ConnectionSlot& slot) {
   const std::string page = LCase(Replace(request.page(), "/", "\\"));
   const std::string ext = page.size() > 4 ? page.substr(page.size() - 4) : page;
-  WriteServerLog("Popped socket " + std::to_string(slot.Index()) + " for page " + page);
+  WriteServerLog({"Popped socket ", std::to_string(slot.Index()), " for page ", page});
   Response response(slot, {ctx_.htmlFolder, ctx_.clock, ctx_.reporter, ctx_.log});
   if (ctx_.guard && !ctx_.guard->Admit(request, response)) return;
   if (IsImage(ext)) {
@@ -174,7 +173,7 @@ void TCPServerModule::Route(Request& request, ConnectionSlot& slot) {
     // No home-automation web server is named: the root leads to our own page.
     response.SendStatus("302 Found", "", "Location: /wol");
   } else {
-    WriteServerLog("User Agent " + request.ServerVariables("http_user_agent"));
+    WriteServerLog({"User Agent ", request.ServerVariables("http_user_agent")});
     response.RedirectToHS(ctx_.hsAddress + ":" + ctx_.hsWebPort, request);
   }
 }
@@ -184,7 +183,7 @@ void TCPServerModule::Socket_SendComplete(int index) {
     ConnectionSlot* slot = Slot(index);
     if (!slot) return;
     slot->StopSendTimer();
-    WriteServerLog("SendComplete for socket " + std::to_string(index) + ", tag=" + slot->Tag());
+    WriteServerLog({"SendComplete for socket ", std::to_string(index), ", tag=", slot->Tag()});
     if (slot->Tag() != "1") Socket_Close(index);
   } catch (const std::exception& e) {
     Fail("Socket_SendComplete", e);
@@ -192,13 +191,13 @@ void TCPServerModule::Socket_SendComplete(int index) {
 }
 
 void TCPServerModule::SendTimedOut(int index) {
-  WriteServerLog("Send time-out for socket " + std::to_string(index) + ": the client takes nothing, closing");
+  WriteServerLog({"Send time-out for socket ", std::to_string(index), ": the client takes nothing, closing"});
   Socket_Close(index);
 }
 
 void TCPServerModule::RequestTimedOut(int index) {
-  WriteServerLog("Request time-out for socket " + std::to_string(index) + ": nothing answered within " +
-                 std::to_string(ConnectionSlot::kRequestTimeout.count() / 1000) + " s, closing");
+  WriteServerLog({"Request time-out for socket ", std::to_string(index), ": nothing answered within ",
+                  std::to_string(ConnectionSlot::kRequestTimeout.count() / 1000), " s, closing"});
   Socket_Close(index);
 }
 
@@ -216,8 +215,8 @@ void TCPServerModule::Socket_Close(int index) {
       ctx_.log->Write(FormatDateTime(ctx_.clock.Now()) + " | Pending Request Removed for socket " + idx +
                       ", " + removed->Text() + "\r\n");
     }
-    WriteServerLog("ConnectionClose for socket " + idx + ", Sockets Open=" + std::to_string(socketsOpen_) +
-                   ", state was " + std::to_string(state) + ", open count was " + std::to_string(open));
+    WriteServerLog({"ConnectionClose for socket ", idx, ", Sockets Open=", std::to_string(socketsOpen_),
+                    ", state was ", std::to_string(state), ", open count was ", std::to_string(open)});
   } catch (const std::exception& e) {
     Fail("socket_Close ", e);
   }

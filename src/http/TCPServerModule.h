@@ -9,6 +9,7 @@
 
 #include "core/Clock.h"
 #include "core/Reporter.h"
+#include "core/Text.h"
 #include "core/Timer.h"
 #include "http/ConnectionSlot.h"
 #include "http/Guard.h"
@@ -82,6 +83,10 @@ class TCPServerModule : private ConnectionSlot::Owner {
 
   // One debug line (date and time, " | ", text) when debugging.
   void WriteServerLog(std::string_view text) const;
+  // The same line from pieces, put together only when debugging.
+  void WriteServerLog(std::initializer_list<std::string_view> pieces) const {
+    if (ctx_.log) WriteServerLog(std::string_view(Concat(pieces)));
+  }
 
   int SocketsOpen() const { return socketsOpen_; }
   // The highest socket index made so far (0: none).

@@ -50,6 +50,30 @@ std::string FormatCell(std::string_view content, std::string_view cssClass, std:
   return "<td " + attributes + ">" + body + "</td>";
 }
 
+void AppendCell(FastString& page, std::string_view content, std::string_view cssClass,
+                std::string_view colspan, std::string_view align, bool touchscreen) {
+  if (touchscreen) {
+    page.Append(FormatCell(content, cssClass, colspan, align, true));
+    return;
+  }
+  page.Append("<td class=\"");
+  page.Append(cssClass);
+  page.Append("\" ");
+  if (!colspan.empty()) {
+    page.Append("colspan=\"");
+    page.Append(colspan);
+    page.Append("\" ");
+  }
+  if (!align.empty()) {
+    page.Append("align=\"");
+    page.Append(align);
+    page.Append("\" ");
+  }
+  page.Append(">");
+  page.Append(content);
+  page.Append("</td>");
+}
+
 std::string FormatAge(int32_t seconds) {
   if (seconds == 0) return {};
   constexpr int64_t kDay = 86400;

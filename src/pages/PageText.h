@@ -5,6 +5,8 @@
 #include <string_view>
 #include <vector>
 
+#include "core/FastString.h"
+
 namespace tavrel {
 
 // One table cell. Normally the cell carries class cssClass; for a touch-screen client the known table
@@ -12,6 +14,9 @@ namespace tavrel {
 // other class gets no styling at all. Empty colspan or align attributes are left out.
 std::string FormatCell(std::string_view content, std::string_view cssClass, std::string_view colspan,
                        std::string_view align, bool touchscreen);
+// The same cell appended to a page, without a string of its own on the way.
+void AppendCell(FastString& page, std::string_view content, std::string_view cssClass,
+                std::string_view colspan, std::string_view align, bool touchscreen);
 
 // An age as "[<days>d ] h:mm:ss" with a leading blank ("" for 0): 90061 gives "1d  1:01:01".
 std::string FormatAge(int32_t seconds);

@@ -54,6 +54,7 @@ const std::string& RowField(const RemoteASP::Row& row, size_t field) {
 }  // namespace
 
 std::string RemoteASP::RemotePage(Request& request, Response& response) {
+  const Hs::Pin pin(ctx_.hs);
   std::string result;
   try {
     currentRequest_ = &request;
@@ -158,7 +159,7 @@ std::string RemoteASP::MainPage() {
   page.Append("<form name='exe' method='post'>");
   page.Append("<input type='hidden' name='clientinput' value='yes'>");
   const auto cell = [&](std::string content) {
-    Guarded("MainPage", [&] { page.Append(FormatCell(content, "TABLEROWEVEN", "1", "Center")); });
+    Guarded("MainPage", [&] { AppendCell(page, content, "TABLEROWEVEN", "1", "Center"); });
   };
   cell("<input type='submit' name ='UpdateButton' value='Refresh'>");
   if (!(ctx_.actions.ProcessExists && ctx_.actions.ProcessExists())) {
@@ -166,7 +167,7 @@ std::string RemoteASP::MainPage() {
   }
   cell("<input type='submit' name ='Save' value='Save Changes'>");
   page.Append("</table><table><tr>");
-  const std::string localIP = ctx_.actions.LocalIP ? ctx_.actions.LocalIP() : std::string();
+  const std::string localIP = LocalIP();
   const size_t lastDot = localIP.rfind('.');
   const std::string subnets =
       Setting("Subnet", lastDot == std::string::npos ? std::string() : localIP.substr(0, lastDot));
@@ -178,6 +179,16 @@ std::string RemoteASP::MainPage() {
   Guarded("MainPage", [&] { page.Append(CustomFooter()); });
   page.Append("</body></html>");
   return std::move(page).ToString();
+}
+
+// This machine's address, for the default subnet, looked up again after a minute rather than for every page.
+std::string RemoteASP::LocalIP() {
+  const DateTime now = ctx_.clock.Now();
+  if (!localIpRead_ || now < *localIpRead_ || now - *localIpRead_ >= std::chrono::minutes(1)) {
+    localIp_ = ctx_.actions.LocalIP ? ctx_.actions.LocalIP() : std::string();
+    localIpRead_ = now;
+  }
+  return localIp_;
 }
 
 std::string RemoteASP::CustomHeader(const std::vector<std::string>& values) const {
@@ -194,9 +205,9 @@ void RemoteASP::WriteTableHeader(FastString& page) {
   for (std::string_view name : {"R", "Online", "Name", "IP", "MAC"}) {
     const std::string button =
         "<input type='submit' value='" + std::string(name) + "' name='" + std::string(name) + "'>";
-    Guarded("RemoteASP", [&] { page.Append(FormatCell(button, "TABLEHEADER", "1", "Center")); });
+    Guarded("RemoteASP", [&] { AppendCell(page, button, "TABLEHEADER", "1", "Center"); });
   }
-  Guarded("RemoteASP", [&] { page.Append(FormatCell("Control", "TABLEHEADER", "3", "Center")); });
+  Guarded("RemoteASP", [&] { AppendCell(page, "Control", "TABLEHEADER", "3", "Center"); });
   page.Append("</tr>");
   UpdateDisplay(page);
   page.Append("</table>");
@@ -265,7 +276,7 @@ void RemoteASP::UpdateDisplay(FastString& page) {
           row.Name.empty() ? "&nbsp;" : "<input type='submit' name='Shutdown" + k + "' value='Shutdown'>",
       };
       page.Append("<tr>");
-      for (const std::string& cell : cells) page.Append(FormatCell(cell, rowClass, "1", "Left"));
+      for (const std::string& cell : cells) AppendCell(page, cell, rowClass, "1", "Left");
       page.Append("</tr>");
     }
   } catch (const std::exception& e) {
@@ -292,6 +303,15 @@ void RemoteASP::SortRows() {
     const int c = CompareNoCase(RowField(a, f), RowField(b, f));
     return descending ? c > 0 : c < 0;
   });
+}
+
+void RemoteASP::AppendCell(FastString& page, std::string_view content, std::string_view cssClass,
+                           std::string_view colspan, std::string_view align) const {
+  if (ScriptPagesEnabled()) {
+    page.Append(FormatCell(content, cssClass, colspan, align));
+  } else {
+    tavrel::AppendCell(page, content, cssClass, colspan, align, touchscreenClient_);
+  }
 }
 
 std::string RemoteASP::FormatCell(std::string_view content, std::string_view cssClass,

@@ -68,6 +68,8 @@ class RemoteASP : public PageHandler {
   void UpdateDisplay(FastString& page);
   std::string FormatCell(std::string_view content, std::string_view cssClass, std::string_view colspan,
                          std::string_view align) const;
+  void AppendCell(FastString& page, std::string_view content, std::string_view cssClass,
+                  std::string_view colspan, std::string_view align) const;
   void AcceptRemoteChanges();
   // What one post changes in the settings file, written at its end in one go.
   struct Changes {
@@ -98,6 +100,7 @@ class RemoteASP : public PageHandler {
   std::string Form(std::string_view name) const;
   std::string Setting(std::string_view key, std::string_view defaultValue) const;
   void SaveSetting(std::string_view key, std::string_view value);
+  std::string LocalIP();
   // The framework steps as script routines, the one-time set-up first.
   void RunScriptSteps(Request& request, Response& response);
   // The page's head and the end of its body: the framework's routines when script pages are on.
@@ -131,6 +134,8 @@ class RemoteASP : public PageHandler {
   std::string rowStyle_;
   // What the page refused in this request, already escaped, shown above the table.
   std::vector<std::string> notices_;
+  std::string localIp_;
+  std::optional<DateTime> localIpRead_;
 };
 
 }  // namespace tavrel

@@ -34,6 +34,10 @@ struct Hs::Loaded {
 };
 
 std::shared_ptr<const Hs::Loaded> Hs::Read(const fs::path& path) const {
+  if (pins_ > 0 && looked_.contains(path)) {
+    if (auto it = cache_.find(path); it != cache_.end()) return it->second.file;
+  }
+  if (pins_ > 0) looked_.insert(path);
   platform::FileStamp stamp;
   // Reading never creates the file (a load would).
   if (!platform::ReadFileStamp(path, stamp)) {

@@ -4,6 +4,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -46,6 +47,21 @@ class Hs {
   // Removes the key from the section, and saves.
   void RemoveIniSetting(std::string_view section, std::string_view key, std::string_view file = {});
 
+  // While one lives, each file is looked at on disk once and then read from memory: one look per request
+  // instead of one per setting. The program's own writes still show at once.
+  class Pin {
+   public:
+    explicit Pin(const Hs& hs) : hs_(hs) { ++hs_.pins_; }
+    ~Pin() {
+      if (--hs_.pins_ == 0) hs_.looked_.clear();
+    }
+    Pin(const Pin&) = delete;
+    Pin& operator=(const Pin&) = delete;
+
+   private:
+    const Hs& hs_;
+  };
+
   // Major, minor and revision joined by ".".
   std::string Version() const;
 
@@ -71,11 +87,16 @@ class Hs {
   };
   // The file as it is now, from the cache when unchanged; nullptr when it does not exist.
   std::shared_ptr<const Loaded> Read(const std::filesystem::path& path) const;
-  void Forget(const std::filesystem::path& path) const { cache_.erase(path); }
+  void Forget(const std::filesystem::path& path) const {
+    cache_.erase(path);
+    looked_.erase(path);
+  }
 
   std::filesystem::path configFolder_;
   Reporter& reporter_;
   mutable std::map<std::filesystem::path, Cached> cache_;
+  mutable int pins_ = 0;
+  mutable std::set<std::filesystem::path> looked_;
   std::string sunrise_;
   std::string sunset_;
 };

@@ -37,7 +37,7 @@ class RecordingPages : public PageHandler {
 class FakeSlot final : public ConnectionSlot {
  public:
   using ConnectionSlot::ConnectionSlot;
-  void StartWrite(std::string_view bytes) override {
+  void StartWrite(std::string_view bytes, std::shared_ptr<const std::string>) override {
     written.emplace_back(bytes);
     ++pending;
   }

@@ -283,6 +283,28 @@ TEST_F(HttpTest, PastOneHundredConnectionsTheRestAreTurnedAwayAndSilentOnesLetGo
   for (int fd : held) close(fd);
 }
 
+// With a password set (a hash of "secret" as set-password makes it, at fewer rounds), every request needs
+// it; the platform's PBKDF2 checks it.
+TEST_F(HttpTest, APasswordGuardsEveryRequest) {
+  node_ = std::make_unique<Node>(hub_->Port(),
+                                 "[WOL]\r\nHTTPPort=8080\r\nHTTPPasswordHash=pbkdf2-sha256$1000$"
+                                 "00112233445566778899aabbccddeeff$"
+                                 "588372775fb38b5711b6f36b465e293dc7b793e008550ee8a10bb26a8e7f85b8\r\n");
+  node_->Start();
+  auto status = [](const std::string& target, const std::string& credentials) {
+    const std::string answer =
+        Ask("GET " + target + " HTTP/1.1\r\nHost: 127.0.0.1:8080\r\n" +
+            (credentials.empty() ? "" : "Authorization: Basic " + credentials + "\r\n") + "\r\n");
+    return answer.substr(0, answer.find("\r\n"));
+  };
+  ASSERT_TRUE(WaitFor([&] { return !status("/wol", "").empty(); }));
+  EXPECT_EQ(status("/wol", ""), "HTTP/1.1 401 Unauthorized");
+  EXPECT_EQ(status("/led-Red.gif", ""), "HTTP/1.1 401 Unauthorized");
+  EXPECT_EQ(status("/wol", "eDpzZWNyZXQ="), "HTTP/1.1 200 OK");  // "x:secret"
+  EXPECT_EQ(status("/led-Red.gif", "eDpzZWNyZXQ="), "HTTP/1.1 200 OK");
+  EXPECT_EQ(status("/wol", "eDpTZWNyZXQ="), "HTTP/1.1 401 Unauthorized");  // "x:Secret"
+}
+
 // A client that takes the page a little at a time gets all of it, however long that takes, as long as
 // it keeps taking.
 TEST_F(HttpTest, SlowReaderGetsALargePageWhole) {
