@@ -151,8 +151,20 @@ EOF
   local r conns limit summary=() ok=yes
   local worstRps worstP99 errs real growth worstCpu t0 t1 hz firstPeak firstAfter
   hz=$(getconf CLK_TCK)
-  for conns in 10 100; do
+  local case auth=()
+  for case in 10 100 100-password; do
+    conns=${case%%-*}
     limit=$((conns * 1000 / kBatchMs))
+    if [ "$case" = 100-password ]; then
+      # The running program takes the new setting at its next request; the browser's credentials then
+      # come with every request and the key derivation is paid once.
+      echo secret | "$tavrel" --home "$home" set-password >/dev/null
+      auth=(-H "Authorization: Basic $(printf 'x:secret' | base64)")
+      if [ "$(curl -s -o /dev/null -w '%{http_code}' "$ours")" != 401 ]; then
+        echo "http: the password is not asked for" >&2
+        return 1
+      fi
+    fi
     worstRps="" worstP99=0 errs=0 real=0 growth=0 worstCpu=0
     local nRps="" nP99=0 nErrs=0
     for ((r = 1; r <= runs; r++)); do
@@ -161,7 +173,7 @@ EOF
       t0=$(cpu_ticks "$pid")
       # RSS every half second while wrk runs; it swings with the answers under way (up to one page per
       # connection, in more than one copy), so flat means no rise from run to run.
-      wrk -t1 -c"$conns" -d"${secs}s" --latency "$ours" >"$work/wrk.out" 2>&1 &
+      wrk -t1 -c"$conns" -d"${secs}s" --latency "${auth[@]}" "$ours" >"$work/wrk.out" 2>&1 &
       local wpid=$! samples=()
       while kill -0 "$wpid" 2>/dev/null; do
         samples+=("$(rss_kb "$pid")")
@@ -183,12 +195,12 @@ EOF
       local oOther=$othererr oCpu nCpu
       oCpu=$(awk -v t=$((t1 - t0)) -v n="$requests" -v hz="$hz" 'BEGIN { printf "%.3f", n ? 1000 * t / hz / n : 0 }')
       t0=$(cpu_ticks "$npid")
-      wrk -t1 -c"$conns" -d"${secs}s" --latency "$ref" >"$work/wrk-nginx.out" 2>&1
+      wrk -t1 -c"$conns" -d"${secs}s" --latency "${auth[@]}" "$ref" >"$work/wrk-nginx.out" 2>&1
       t1=$(cpu_ticks "$npid")
       parse_wrk "$work/wrk-nginx.out"
       nCpu=$(awk -v t=$((t1 - t0)) -v n="$requests" -v hz="$hz" 'BEGIN { printf "%.3f", n ? 1000 * t / hz / n : 0 }')
-      printf '  run %d, %3d connections: ours %5s req/s (%s%% of the %d/s limit), p50 %s ms, p99 %s ms, %s answers, errors: non-2xx %s, socket %s (%s), beyond one read error per answer %s; CPU %s ms per answer; RSS %s KiB before, %s 1 s in, %s at the end (peak %s), %s after | nginx %s req/s, p50 %s ms, p99 %s ms, errors: non-2xx %s, socket %s; CPU %s ms per answer\n' \
-        "$r" "$conns" "$oRps" "$(awk -v a="$oRps" -v b="$limit" 'BEGIN { printf "%.0f", 100 * a / b }')" "$limit" \
+      printf '  run %d, %3d connections%s: ours %5s req/s (%s%% of the %d/s limit), p50 %s ms, p99 %s ms, %s answers, errors: non-2xx %s, socket %s (%s), beyond one read error per answer %s; CPU %s ms per answer; RSS %s KiB before, %s 1 s in, %s at the end (peak %s), %s after | nginx %s req/s, p50 %s ms, p99 %s ms, errors: non-2xx %s, socket %s; CPU %s ms per answer\n' \
+        "$r" "$conns" "$([ ${#auth[@]} -gt 0 ] && echo ' with a password')" "$oRps" "$(awk -v a="$oRps" -v b="$limit" 'BEGIN { printf "%.0f", 100 * a / b }')" "$limit" \
         "$oP50" "$oP99" "$oReq" "$oNon" "$oSock" "$oDetail" "$oOther" "$oCpu" "$before" "$settled" "$last" "$peak" "$after" \
         "$rps" "$p50" "$p99" "$non2xx" "$sockerr" "$nCpu"
       if ! kill -0 "$pid" 2>/dev/null; then
@@ -208,15 +220,15 @@ EOF
     done
     local pct
     pct=$(awk -v a="$worstRps" -v b="$limit" 'BEGIN { printf "%.0f", 100 * a / b }')
-    summary+=("$conns conns: $worstRps req/s = ${pct}% of $limit/s limit, x$(awk -v a="$worstRps" -v b="$nRps" 'BEGIN { printf "%.3f", a / b }') of nginx $nRps/s, p99 $worstP99 ms (nginx $nP99), errors $errs (nginx $nErrs; ours beyond one read error per answer: $real), CPU $worstCpu ms per answer, RSS peak $peak KiB, rise of peak or idle RSS over run 1 <= ${growth} KiB")
-    # Goal: 80% of the limit, no error, p99 <= 70 ms, memory flat (peak and idle RSS of later runs within
-    # 1 MiB of the first run's).
-    if [ "$pct" -lt 80 ] || [ "$errs" -ne 0 ] || awk -v p="$worstP99" 'BEGIN { exit !(p > 70) }' ||
-      [ "$growth" -gt 1024 ]; then
+    summary+=("$case conns: $worstRps req/s = ${pct}% of $limit/s limit, x$(awk -v a="$worstRps" -v b="$nRps" 'BEGIN { printf "%.3f", a / b }') of nginx $nRps/s, p99 $worstP99 ms (nginx $nP99), errors $errs (nginx $nErrs; ours beyond one read error per answer: $real), CPU $worstCpu ms per answer, RSS peak $peak KiB, rise of peak or idle RSS over run 1 <= ${growth} KiB")
+    # Goal with 100 connections: 90% of the limit, p99 <= 70 ms, CPU <= 0.15 ms per answer; always: no
+    # error, memory flat (peak and idle RSS of later runs within 1 MiB of the first run's).
+    if [ "$real" -ne 0 ] || [ "$growth" -gt 1024 ]; then ok=no; fi
+    if [ "$conns" -eq 100 ] && { [ "$pct" -lt 90 ] || awk -v p="$worstP99" -v c="$worstCpu" 'BEGIN { exit !(p > 70 || c > 0.15) }'; }; then
       ok=no
     fi
   done
-  echo "summary: http /wol ($kComputers computers, worst of $runs runs) $(printf '%s; ' "${summary[@]}")goal >= 80% of limit, 0 errors, p99 <= 70 ms, RSS flat: $([ $ok = yes ] && echo met || echo NOT met)"
+  echo "summary: http /wol ($kComputers computers, worst of $runs runs) $(printf '%s; ' "${summary[@]}")goal at 100 connections >= 90% of limit, p99 <= 70 ms, CPU <= 0.15 ms per answer; 0 errors, RSS flat: $([ $ok = yes ] && echo met || echo NOT met)"
 }
 
 if [ "${1:-}" = "--inside" ]; then

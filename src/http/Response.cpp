@@ -67,6 +67,7 @@ bool BinaryBody::Finish() {
 void Response::SendTextString(const std::string& text) {
   try {
     FastString out;
+    out.Reserve(text.size() + 512);
     Line(out, "HTTP/1.1 200 OK");
     Line(out, "Server: zel");
     Line(out, "Date: " + Date());
@@ -78,7 +79,7 @@ void Response::SendTextString(const std::string& text) {
     Line(out, "Location: http://localhost:8080/other");
     Line(out, "");
     out.Append(text);
-    std::string answer = out.ToString();
+    std::string answer = std::move(out).ToString();
     if (ctx_.log) {
       ctx_.log->Write(">>>>>>>>>>> SendingTextString >>>>>> to socket " + std::to_string(index()) + "\r\n" +
                       answer);
@@ -111,7 +112,7 @@ void Response::SendTextFile(std::string_view page) {
     Line(out, "Content-Length: " + length);
     Line(out, "");
     out.Append(*text);
-    if (SendText(out.ToString())) {
+    if (SendText(std::move(out).ToString())) {
       Debug({">>>>>>>>>>> SendingTextFile ", std::string(page), " to socket ", std::to_string(index()),
              " with length ", length});
     } else {
@@ -136,7 +137,7 @@ void Response::SendErrorResponse() {
     Line(out, "Content-Length: " + std::to_string(kBody.size()));
     Line(out, "");
     out.Append(kBody);
-    if (SendText(out.ToString())) {
+    if (SendText(std::move(out).ToString())) {
       Debug({">>>>>>>>>>> SendingError  to socket ", std::to_string(index())});
     } else {
       Debug({"Unable to send Error Resonse to socket ", std::to_string(index()), " because State is ",
@@ -160,7 +161,7 @@ void Response::SendBinaryFile(std::string_view page) {
       Line(out, "");
       // A connection that carried an earlier binary body must still close after this answer.
       socket_.SetTag("0");
-      socket_.SendData(out.ToString());
+      socket_.SendData(std::move(out).ToString());
       return;
     }
     FastString out;
@@ -175,7 +176,7 @@ void Response::SendBinaryFile(std::string_view page) {
     Line(out, "");
     socket_.SetTag("1");
     Debug({">>>>>>>>>>> SendingBinaryHeader ", std::string(page), " to socket ", std::to_string(index())});
-    socket_.SendData(out.ToString());
+    socket_.SendData(std::move(out).ToString());
     socket_.StartBody(
         std::make_unique<BinaryBody>(socket_, std::move(in), std::string(page), ctx_.log, ctx_.reporter));
   } catch (const std::exception& e) {
@@ -225,7 +226,7 @@ void Response::RedirectToHS(std::string_view address, const Request& request) {
       out.Append(body.ToString());
       Debug({">>>>>>>>>>> Resubmit", page, " to location ", location, " socket ", idx});
     }
-    if (!SendText(out.ToString())) {
+    if (!SendText(std::move(out).ToString())) {
       Debug({"Unable to send TextString to socket ", idx, " because State is ",
              std::to_string(socket_.State())});
     }
@@ -246,7 +247,7 @@ void Response::SendStatus(std::string_view status, std::string_view text, std::s
     Line(out, "Content-Length: " + std::to_string(text.size()));
     Line(out, "");
     out.Append(text);
-    if (SendText(out.ToString()))
+    if (SendText(std::move(out).ToString()))
       Debug({">>>>>>>>>>> ", std::string(status), " to socket ", std::to_string(index())});
   } catch (const std::exception& e) {
     Fail("TCPSever_SendTextString ", e);
