@@ -1,5 +1,6 @@
 #pragma once
 
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -13,5 +14,8 @@ bool StdinIsTerminal();
 // terminal the typing is not shown, and showing it is restored however the read ends (Ctrl+C too).
 // nullopt at the end of input.
 std::optional<std::string> ReadSecretLine(std::string_view prompt);
+
+// The terminal shows no typing until the returned object is gone (nothing happens off a terminal).
+std::shared_ptr<void> HideTyping();
 
 }  // namespace tavrel::platform

@@ -6,6 +6,7 @@
 #include <csignal>
 #include <iostream>
 #include <iterator>
+#include <memory>
 
 namespace tavrel::platform {
 
@@ -50,21 +51,10 @@ class HiddenInput {
   bool hooked_ = false;
 };
 
-std::optional<std::string> ReadLine() {
-  std::string line;
-  if (!std::getline(std::cin, line)) return std::nullopt;
-  if (!line.empty() && line.back() == '\r') line.pop_back();
-  return line;
-}
 }  // namespace
 
 bool StdinIsTerminal() { return isatty(STDIN_FILENO) == 1; }
 
-std::optional<std::string> ReadSecretLine(std::string_view prompt) {
-  std::cerr << prompt << std::flush;
-  if (!StdinIsTerminal()) return ReadLine();
-  HiddenInput hidden;
-  return ReadLine();
-}
+std::shared_ptr<void> HideTyping() { return std::make_shared<HiddenInput>(); }
 
 }  // namespace tavrel::platform

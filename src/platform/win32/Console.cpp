@@ -1,6 +1,7 @@
 #include "platform/Console.h"
 
 #include <iostream>
+#include <memory>
 
 #include "platform/SystemHeaders.h"
 
@@ -39,12 +40,6 @@ class HiddenInput {
   bool hooked_ = false;
 };
 
-std::optional<std::string> ReadLine() {
-  std::string line;
-  if (!std::getline(std::cin, line)) return std::nullopt;
-  if (!line.empty() && line.back() == '\r') line.pop_back();
-  return line;
-}
 }  // namespace
 
 bool StdinIsTerminal() {
@@ -52,11 +47,6 @@ bool StdinIsTerminal() {
   return GetConsoleMode(GetStdHandle(STD_INPUT_HANDLE), &mode) != 0;
 }
 
-std::optional<std::string> ReadSecretLine(std::string_view prompt) {
-  std::cerr << prompt << std::flush;
-  if (!StdinIsTerminal()) return ReadLine();
-  HiddenInput hidden;
-  return ReadLine();
-}
+std::shared_ptr<void> HideTyping() { return std::make_shared<HiddenInput>(); }
 
 }  // namespace tavrel::platform
