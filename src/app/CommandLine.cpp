@@ -97,8 +97,9 @@ std::string UsageText() {
          "Once started, the service prints one line on standard error: its xAP address and port, the\n"
          "page's address and its home folder.\n"
          "While running: the page is at http://localhost:8019/wol (\"HTTPPort\" of section WOL in\n"
-         "Config/tavrel.ini). SIGINT or SIGTERM exits (the tray menu's \"Exit\"); on Linux SIGUSR1\n"
-         "starts a LAN scan (the tray menu's \"Query LAN\").\n";
+         "Config/tavrel.ini), for this machine, the private address ranges and this machine's own\n"
+         "networks (\"HTTPAllow\" and \"HTTPHosts\" change that). SIGINT or SIGTERM exits (the tray\n"
+         "menu's \"Exit\"); on Linux SIGUSR1 starts a LAN scan (the tray menu's \"Query LAN\").\n";
 }
 
 std::filesystem::path ResolveHome(const CommandLine& cmd) {
