@@ -95,7 +95,6 @@ void RemoteASP::RunScriptSteps(Request& request, Response& response) {
     scripts.Run("setObjects", objects);
   }
   scripts.Run("SecurityCheck");
-  if (response.Answered()) return;
   touchscreenClient_ = ScriptBool(scripts.Run("startheaderasp"));
 }
 
