@@ -1,6 +1,8 @@
 #pragma once
 
+#include <chrono>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <variant>
@@ -10,10 +12,16 @@ namespace tavrel::platform {
 
 class ScriptObject;
 
+// A date and time as scripts hold one (local time, to the second).
+struct ScriptDate {
+  std::chrono::local_seconds time;
+  bool operator==(const ScriptDate&) const = default;
+};
+
 // A value handed to a script routine or returned from one: nothing (Empty), a truth value, a number, text
-// (bytes in the system code page), a list of texts (a script array), or an object of this program.
+// (bytes in the system code page), a list of texts (a script array), an object of this program, or a date.
 using ScriptValue = std::variant<std::monostate, bool, double, std::string, std::vector<std::string>,
-                                 std::shared_ptr<ScriptObject>>;
+                                 std::shared_ptr<ScriptObject>, ScriptDate>;
 
 // A failure of the script control or of the script it ran: the error number and description it gave.
 struct ScriptError : std::runtime_error {
@@ -30,6 +38,8 @@ class ScriptObject {
   virtual const std::vector<std::string>& Members() const = 0;
   // member indexes Members(). Throws ScriptError (or any std::exception) to raise an error in the script.
   virtual ScriptValue Call(size_t member, const std::vector<std::string>& args) = 0;
+  // The values "For Each" walks when the object is a collection; nothing for any other object.
+  virtual std::optional<std::vector<ScriptValue>> Items() { return std::nullopt; }
 };
 
 // The platform's script control. Used from the program's one thread only.
