@@ -50,10 +50,10 @@ std::string FormatCell(std::string_view content, std::string_view cssClass, std:
   return "<td " + attributes + ">" + body + "</td>";
 }
 
-void AppendCell(FastString& page, std::string_view content, std::string_view cssClass,
+void AppendCell(FastString& page, std::initializer_list<std::string_view> content, std::string_view cssClass,
                 std::string_view colspan, std::string_view align, bool touchscreen) {
   if (touchscreen) {
-    page.Append(FormatCell(content, cssClass, colspan, align, true));
+    page.Append(FormatCell(Concat(content), cssClass, colspan, align, true));
     return;
   }
   page.Append("<td class=\"");
@@ -70,7 +70,7 @@ void AppendCell(FastString& page, std::string_view content, std::string_view css
     page.Append("\" ");
   }
   page.Append(">");
-  page.Append(content);
+  for (const std::string_view piece : content) page.Append(piece);
   page.Append("</td>");
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <initializer_list>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -14,8 +15,8 @@ namespace tavrel {
 // other class gets no styling at all. Empty colspan or align attributes are left out.
 std::string FormatCell(std::string_view content, std::string_view cssClass, std::string_view colspan,
                        std::string_view align, bool touchscreen);
-// The same cell appended to a page, without a string of its own on the way.
-void AppendCell(FastString& page, std::string_view content, std::string_view cssClass,
+// The same cell, its content given in pieces, appended to a page without a string of its own on the way.
+void AppendCell(FastString& page, std::initializer_list<std::string_view> content, std::string_view cssClass,
                 std::string_view colspan, std::string_view align, bool touchscreen);
 
 // An age as "[<days>d ] h:mm:ss" with a leading blank ("" for 0): 90061 gives "1d  1:01:01".

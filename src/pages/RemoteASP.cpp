@@ -158,7 +158,7 @@ std::string RemoteASP::MainPage() {
   page.Append("<form name='exe' method='post'>");
   page.Append("<input type='hidden' name='clientinput' value='yes'>");
   const auto cell = [&](std::string content) {
-    Guarded("MainPage", [&] { AppendCell(page, content, "TABLEROWEVEN", "1", "Center"); });
+    Guarded("MainPage", [&] { AppendCell(page, {content}, "TABLEROWEVEN", "1", "Center"); });
   };
   cell("<input type='submit' name ='UpdateButton' value='Refresh'>");
   if (!(ctx_.actions.ProcessExists && ctx_.actions.ProcessExists())) {
@@ -204,9 +204,9 @@ void RemoteASP::WriteTableHeader(FastString& page) {
   for (std::string_view name : {"R", "Online", "Name", "IP", "MAC"}) {
     const std::string button =
         "<input type='submit' value='" + std::string(name) + "' name='" + std::string(name) + "'>";
-    Guarded("RemoteASP", [&] { AppendCell(page, button, "TABLEHEADER", "1", "Center"); });
+    Guarded("RemoteASP", [&] { AppendCell(page, {button}, "TABLEHEADER", "1", "Center"); });
   }
-  Guarded("RemoteASP", [&] { AppendCell(page, "Control", "TABLEHEADER", "3", "Center"); });
+  Guarded("RemoteASP", [&] { AppendCell(page, {"Control"}, "TABLEHEADER", "3", "Center"); });
   page.Append("</tr>");
   UpdateDisplay(page);
   page.Append("</table>");
@@ -264,18 +264,28 @@ void RemoteASP::UpdateDisplay(FastString& page) {
     for (const Row& row : *rows_) {
       const std::string_view rowClass = index++ % 2 == 0 ? "TABLEROWODD" : "TABLEROWEVEN";
       const std::string& k = row.Key;
-      const std::string cells[] = {
-          "<input type='checkbox' value='1' name='R" + k + "'>",
-          row.Online,
-          "<input type='text' name='Name" + k + "'size='8' value='" + HtmlEscape(row.Name) + "'>",
-          HtmlEscape(row.IP),
-          HtmlEscape(row.MAC),
-          row.MAC.empty() ? "&nbsp;" : "<input type='submit' name='WOL" + k + "' value='WOL'>",
-          row.Name.empty() ? "&nbsp;" : "<input type='submit' name='Reboot" + k + "' value='Reboot'>",
-          row.Name.empty() ? "&nbsp;" : "<input type='submit' name='Shutdown" + k + "' value='Shutdown'>",
+      const std::string name = HtmlEscape(row.Name), ip = HtmlEscape(row.IP), mac = HtmlEscape(row.MAC);
+      const auto cell = [&](std::initializer_list<std::string_view> content) {
+        AppendCell(page, content, rowClass, "1", "Left");
       };
       page.Append("<tr>");
-      for (const std::string& cell : cells) AppendCell(page, cell, rowClass, "1", "Left");
+      cell({"<input type='checkbox' value='1' name='R", k, "'>"});
+      cell({row.Online});
+      cell({"<input type='text' name='Name", k, "'size='8' value='", name, "'>"});
+      cell({ip});
+      cell({mac});
+      if (row.MAC.empty()) {
+        cell({"&nbsp;"});
+      } else {
+        cell({"<input type='submit' name='WOL", k, "' value='WOL'>"});
+      }
+      if (row.Name.empty()) {
+        cell({"&nbsp;"});
+        cell({"&nbsp;"});
+      } else {
+        cell({"<input type='submit' name='Reboot", k, "' value='Reboot'>"});
+        cell({"<input type='submit' name='Shutdown", k, "' value='Shutdown'>"});
+      }
       page.Append("</tr>");
     }
   } catch (const std::exception& e) {
@@ -304,10 +314,11 @@ void RemoteASP::SortRows() {
   });
 }
 
-void RemoteASP::AppendCell(FastString& page, std::string_view content, std::string_view cssClass,
-                           std::string_view colspan, std::string_view align) const {
+void RemoteASP::AppendCell(FastString& page, std::initializer_list<std::string_view> content,
+                           std::string_view cssClass, std::string_view colspan,
+                           std::string_view align) const {
   if (ScriptPagesEnabled()) {
-    page.Append(FormatCell(content, cssClass, colspan, align));
+    page.Append(FormatCell(Concat(content), cssClass, colspan, align));
   } else {
     tavrel::AppendCell(page, content, cssClass, colspan, align, touchscreenClient_);
   }

@@ -68,8 +68,8 @@ class RemoteASP : public PageHandler {
   void UpdateDisplay(FastString& page);
   std::string FormatCell(std::string_view content, std::string_view cssClass, std::string_view colspan,
                          std::string_view align) const;
-  void AppendCell(FastString& page, std::string_view content, std::string_view cssClass,
-                  std::string_view colspan, std::string_view align) const;
+  void AppendCell(FastString& page, std::initializer_list<std::string_view> content,
+                  std::string_view cssClass, std::string_view colspan, std::string_view align) const;
   void AcceptRemoteChanges();
   // What one post changes in the settings file, written at its end in one go.
   struct Changes {
