@@ -176,7 +176,8 @@ void Tavrel::ShowTrayIcon() {
   if (!tray_) {
     log_.WriteLog(kModule, "Running without a tray icon: " + whyNot);
   } else if (!tray_->SetTrayIcon(true)) {
-    log_.WriteLog(kModule, "Running without a tray icon: the notification area refused it");
+    log_.WriteLog(kModule,
+                  "Waiting for a notification area: no tray host yet; the icon appears when one starts");
   }
 }
 

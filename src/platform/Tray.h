@@ -32,7 +32,9 @@ struct TrayMenuEntry {
 class Tray {
  public:
   virtual ~Tray() = default;
-  // Shows (adds or modifies) or removes the icon. False when the desktop has no notification area.
+  // Shows (adds or modifies) or removes the icon. Showing gives false while no notification area is
+  // there to take it; the icon then appears by itself as soon as one is (a panel that starts late, or
+  // starts again).
   virtual bool SetTrayIcon(bool show) = 0;
   // Pops up the menu at the mouse position (where the platform leaves that to the program).
   virtual void PopupMenu() = 0;
@@ -43,8 +45,8 @@ struct TrayConfig {
   std::vector<TrayMenuEntry> Menu;
 };
 
-// The platform's icon, or nullptr with whyNot set when this session offers no notification area (no
-// display, no session bus, no tray host). Built-in icon: no file beside the program needed.
+// The platform's icon, or nullptr with whyNot set when this session can never offer a notification area
+// (no display, no session bus). Built-in icon: no file beside the program needed.
 std::unique_ptr<Tray> OpenTray(asio::io_context& io, TrayOwner& owner, TrayConfig config,
                                std::string& whyNot);
 

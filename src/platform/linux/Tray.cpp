@@ -188,19 +188,35 @@ class SniTray final : public Tray {
     return ok;
   }
 
+  // Whether a tray host is on the bus now; asked after Attach, so that one starting meanwhile is not missed.
+  // Asked of the bus itself, which answers at once. False when the bus does not answer.
+  bool AskForHost() {
+    sd_bus_error error{};  // SD_BUS_ERROR_NULL, without the compound literal clang refuses in C++
+    sd_bus_message* reply = nullptr;
+    int owned = 0;
+    int r = sd_bus_call_method(bus_, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+                               "NameHasOwner", &error, &reply, "s", kWatcher);
+    if (r >= 0) r = sd_bus_message_read(reply, "b", &owned);
+    sd_bus_message_unref(reply);
+    sd_bus_error_free(&error);
+    if (owned) hostPresent_ = true;
+    return r >= 0;
+  }
+
+  // With no tray host yet the item waits on the bus, and registers when a host appears.
   bool SetTrayIcon(bool show) override {
-    if (show == shown_) return true;
+    if (show == shown_) return !show || hostPresent_;
     if (show) {
       if (sd_bus_request_name(bus_, name_.c_str(), 0) < 0) return false;
       shown_ = true;
-      RegisterWithWatcher();
+      if (hostPresent_) RegisterWithWatcher();
     } else {
       // Our name leaving the bus is what tells the host the item is gone.
       sd_bus_release_name(bus_, name_.c_str());
       shown_ = false;
     }
     Kick();
-    return true;
+    return !show || hostPresent_;
   }
 
   void PopupMenu() override {}
@@ -265,7 +281,8 @@ class SniTray final : public Tray {
     const char *name = nullptr, *before = nullptr, *after = nullptr;
     if (sd_bus_message_read(m, "sss", &name, &before, &after) < 0) return 0;
     SniTray& self = Self(userdata);
-    if (after != nullptr && *after != '\0' && self.shown_) self.RegisterWithWatcher();
+    self.hostPresent_ = after != nullptr && *after != '\0';
+    if (self.hostPresent_ && self.shown_) self.RegisterWithWatcher();
     return 0;
   }
 
@@ -478,6 +495,7 @@ class SniTray final : public Tray {
   std::vector<sd_bus_slot*> slots_;
   std::shared_ptr<char> alive_ = std::make_shared<char>();
   bool shown_ = false;
+  bool hostPresent_ = false;
   bool readPending_ = false;
   bool writePending_ = false;
 };
@@ -492,20 +510,6 @@ std::unique_ptr<Tray> OpenTray(asio::io_context& io, TrayOwner& owner, TrayConfi
     return nullptr;
   }
   sd_bus_set_method_call_timeout(bus, kCallTimeoutUsec);
-  // Asked of the bus itself, which answers at once; a host that is slow to answer us is never waited for.
-  sd_bus_error error{};  // SD_BUS_ERROR_NULL, without the compound literal clang refuses in C++
-  sd_bus_message* reply = nullptr;
-  int hasHost = 0;
-  int r = sd_bus_call_method(bus, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
-                             "NameHasOwner", &error, &reply, "s", kWatcher);
-  if (r >= 0) r = sd_bus_message_read(reply, "b", &hasHost);
-  sd_bus_message_unref(reply);
-  sd_bus_error_free(&error);
-  if (r < 0 || !hasHost) {
-    whyNot = r < 0 ? "no session bus" : "no tray host";
-    sd_bus_flush_close_unref(bus);
-    return nullptr;
-  }
   const int busCopy = fcntl(sd_bus_get_fd(bus), F_DUPFD_CLOEXEC, 0);
   if (busCopy < 0) {
     whyNot = "no session bus";
@@ -515,6 +519,10 @@ std::unique_ptr<Tray> OpenTray(asio::io_context& io, TrayOwner& owner, TrayConfi
   auto tray = std::make_unique<SniTray>(io, owner, std::move(config), bus, busCopy);
   if (!tray->Attach()) {
     whyNot = "the session bus refused the icon";
+    return nullptr;
+  }
+  if (!tray->AskForHost()) {
+    whyNot = "no session bus";
     return nullptr;
   }
   return tray;
