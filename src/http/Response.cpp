@@ -65,6 +65,7 @@ bool BinaryBody::Finish() {
 }
 
 void Response::SendTextString(const std::string& text) {
+  if (AlreadyAnswered("TextString")) return;
   try {
     FastString out;
     out.Reserve(text.size() + 512);
@@ -94,6 +95,7 @@ void Response::SendTextString(const std::string& text) {
 }
 
 void Response::SendTextFile(std::string_view page) {
+  if (AlreadyAnswered("TextFile " + std::string(page))) return;
   try {
     const auto file = ResolveStaticFile(ctx_.htmlFolder, page);
     const auto text = file ? ReadAll(*file) : std::nullopt;
@@ -126,6 +128,7 @@ void Response::SendTextFile(std::string_view page) {
 }
 
 void Response::SendErrorResponse() {
+  if (AlreadyAnswered("Error Response")) return;
   try {
     static constexpr std::string_view kBody = "<html><h1>404 File Not Found</h1></html>";
     FastString out;
@@ -149,6 +152,7 @@ void Response::SendErrorResponse() {
 }
 
 void Response::SendBinaryFile(std::string_view page) {
+  if (AlreadyAnswered("BinaryFile " + std::string(page))) return;
   try {
     const auto file = ResolveStaticFile(ctx_.htmlFolder, page);
     std::ifstream in;
@@ -162,6 +166,7 @@ void Response::SendBinaryFile(std::string_view page) {
       // A connection that carried an earlier binary body must still close after this answer.
       socket_.SetTag("0");
       socket_.SendData(std::move(out).ToString());
+      answered_ = true;
       return;
     }
     FastString out;
@@ -177,6 +182,7 @@ void Response::SendBinaryFile(std::string_view page) {
     socket_.SetTag("1");
     Debug({">>>>>>>>>>> SendingBinaryHeader ", std::string(page), " to socket ", std::to_string(index())});
     socket_.SendData(std::move(out).ToString());
+    answered_ = true;
     socket_.StartBody(
         std::make_unique<BinaryBody>(socket_, std::move(in), std::string(page), ctx_.log, ctx_.reporter));
   } catch (const std::exception& e) {
@@ -185,6 +191,7 @@ void Response::SendBinaryFile(std::string_view page) {
 }
 
 void Response::RedirectToHS(std::string_view address, const Request& request) {
+  if (AlreadyAnswered("Redirect")) return;
   try {
     const std::string& page = request.page();
     const std::string location = "http://" + std::string(address) + Replace(page, "\\", "/");
@@ -236,6 +243,7 @@ void Response::RedirectToHS(std::string_view address, const Request& request) {
 }
 
 void Response::SendStatus(std::string_view status, std::string_view text, std::string_view extraHeader) {
+  if (AlreadyAnswered(status)) return;
   try {
     FastString out;
     Line(out, "HTTP/1.1 " + std::string(status));
@@ -265,6 +273,14 @@ ContentType Response::GetContentType(std::string_view path) {
   if (has(".bmp")) return {"image/bmp", false, false};
   if (has(".php")) return {"text/html", true, true};
   return {"unknown/binary", false, false};
+}
+
+std::string Response::PagePath(std::string_view page) { return LCase(Replace(page, "/", "\\")); }
+
+bool Response::AlreadyAnswered(std::string_view what) const {
+  if (!answered_) return false;
+  Debug({"Not sending ", what, " to socket ", std::to_string(index()), ": the request has its answer"});
+  return true;
 }
 
 std::string Response::Date() const { return FormatMediumDate(ctx_.clock.Now()); }

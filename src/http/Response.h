@@ -92,7 +92,8 @@ class Response {
   Response(ConnectionSink& socket, Context ctx) : socket_(socket), ctx_(std::move(ctx)) {}
 
   int index() const { return socket_.Index(); }
-  // True once an answer has gone to the connection (a script page may answer by itself).
+  // True once an answer has gone to the connection (a script page may answer by itself). Every send
+  // after that sends nothing.
   bool Answered() const { return answered_; }
 
   // A generated page.
@@ -114,9 +115,13 @@ class Response {
   void Redirect(std::string_view location);
 
   static ContentType GetContentType(std::string_view path);
+  // A page as the server's routes name its file: lower case, "\" between folders.
+  static std::string PagePath(std::string_view page);
 
  private:
   std::string Date() const;
+  // True (with a debug line) when the request already has its answer: one answer per request.
+  bool AlreadyAnswered(std::string_view what) const;
   // Tag "0", then the answer to an open connection; false (nothing sent) when it is not open.
   bool SendText(std::string answer);
   // A debug line from pieces, put together only when debugging.

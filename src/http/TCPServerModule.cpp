@@ -152,7 +152,7 @@ void TCPServerModule::JoinPostData(Request& request, int index) {
 }
 
 void TCPServerModule::Route(Request& request, ConnectionSlot& slot) {
-  const std::string page = LCase(Replace(request.page(), "/", "\\"));
+  const std::string page = Response::PagePath(request.page());
   const std::string ext = page.size() > 4 ? page.substr(page.size() - 4) : page;
   WriteServerLog({"Popped socket ", std::to_string(slot.Index()), " for page ", page});
   Response response(slot, {ctx_.htmlFolder, ctx_.clock, ctx_.reporter, ctx_.log});

@@ -83,7 +83,7 @@ void RemoteASP::RunScriptSteps(Request& request, Response& response) {
   if (!ctx_.scripts) throw RunTimeError(91, "Object variable or With block variable not set");
   HTMLIncludes& scripts = *ctx_.scripts;
   scriptRequest_ = std::make_shared<RequestObject>(request);
-  scriptResponse_ = std::make_shared<ResponseObject>(response);
+  scriptResponse_ = std::make_shared<ResponseObject>(response, request);
   const std::vector<platform::ScriptValue> objects{std::shared_ptr<platform::ScriptObject>(scriptRequest_),
                                                    std::shared_ptr<platform::ScriptObject>(scriptResponse_)};
   if (!scripts.ScriptInitialised()) {

@@ -1,9 +1,12 @@
 #include "settings/Hs.h"
 
+#include <array>
+#include <stdexcept>
 #include <system_error>
 #include <utility>
 
 #include "Version.h"
+#include "core/Text.h"
 #include "settings/IniTool.h"
 
 namespace fs = std::filesystem;
@@ -59,7 +62,26 @@ Hs::Hs(fs::path configFolder, Reporter& reporter)
     : configFolder_(std::move(configFolder)), reporter_(reporter) {}
 
 fs::path Hs::FilePath(std::string_view file) const {
+  if (!IsConfigFileName(file)) throw std::invalid_argument("not a file name of the Config folder");
   return configFolder_ / std::string(file.empty() ? std::string_view("settings.ini") : file);
+}
+
+bool Hs::IsConfigFileName(std::string_view file) {
+  if (file.empty()) return true;
+  if (file.size() > 255 || file.back() == '.' || file.back() == ' ') return false;
+  for (const char c : file) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (byte < 0x20 || byte == 0x7F || std::string_view("/\\:<>\"|?*").find(c) != std::string_view::npos)
+      return false;
+  }
+  // Windows opens the device whatever extension follows, and ignores blanks before the dot.
+  const std::string base = UCase(RTrim(Before(file, ".")));
+  static constexpr std::array<std::string_view, 6> kDevices{"CON", "PRN", "AUX", "NUL", "CONIN$", "CONOUT$"};
+  for (const std::string_view device : kDevices)
+    if (base == device) return false;
+  // COM and LPT with a digit, or with the superscripts 1, 2 and 3 of the Western code page.
+  const bool numbered = base.size() == 4 && (base.starts_with("COM") || base.starts_with("LPT"));
+  return !(numbered && std::string_view("0123456789\xB9\xB2\xB3").find(base[3]) != std::string_view::npos);
 }
 
 std::string Hs::GetINISetting(std::string_view section, std::string_view key, std::string_view defaultValue,

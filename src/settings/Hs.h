@@ -77,7 +77,15 @@ class Hs {
   void SetSunset(std::string value) { sunset_ = std::move(value); }
 
   const std::filesystem::path& ConfigFolder() const { return configFolder_; }
+  // The file's path in the Config folder; throws std::invalid_argument for a name IsConfigFileName refuses.
   std::filesystem::path FilePath(std::string_view file) const;
+
+  // Whether file names an INI file inside the Config folder: "" (settings.ini) or one plain file name.
+  // Refused: anything naming a folder, a drive or a stream ("/", "\", ":"), "." and "..", control bytes
+  // and the characters Windows does not allow in names (< > " | ? *), a name Windows would change (a
+  // trailing "." or blank), over 255 bytes, and the Windows device names (CON, PRN, AUX, NUL, COM0-9,
+  // LPT0-9, CONIN$, CONOUT$, in any case, with any extension).
+  static bool IsConfigFileName(std::string_view file);
 
  private:
   struct Loaded;

@@ -13,6 +13,7 @@
 
 #include "TestSupport.h"
 #include "core/Text.h"
+#include "http/StaticFile.h"
 #include "pages/HTMLIncludes.h"
 #include "pages/RemoteASP.h"
 
@@ -77,7 +78,11 @@ class Sink final : public ConnectionSink {
   int State() const override { return kConnected; }
   void SetTag(std::string_view) override {}
   void SendData(std::string bytes) override { sent += bytes; }
-  void StartBody(std::unique_ptr<BinaryBody>) override {}
+  // The body's pieces are sent at once.
+  void StartBody(std::unique_ptr<BinaryBody> body) override {
+    while (body->Next()) {
+    }
+  }
   std::string sent;
 };
 
@@ -174,47 +179,231 @@ TEST_F(ScriptHostTest, FailuresAreReportedUnderTheirLabels) {
                                     "event HTMLInit: ActiveX component can't create object"));
 }
 
-// The objects scripts reach: hs over the Config folder, and the request and response of the moment.
-TEST_F(ScriptHostTest, ScriptObjectsReadAndWriteThroughTheProgram) {
-  HsObject object(hs);
-  const auto call = [&](const std::string& member, const Lines& args) {
+// What a script sees of a member's result: text as it stands, dates as the log writes them, a record's
+// members joined by "|", a collection's items in braces, a failure as its error number.
+std::string Seen(const ScriptValue& value) {
+  if (const auto* date = std::get_if<platform::ScriptDate>(&value))
+    return "date " + FormatDateTime(date->time);
+  const auto* object = std::get_if<std::shared_ptr<ScriptObject>>(&value);
+  if (!object) return ScriptText(value);
+  Lines parts;
+  if (const auto items = (*object)->Items()) {
+    for (const ScriptValue& item : *items) parts.push_back(Seen(item));
+    return "{" + Join(parts, ",") + "}";
+  }
+  for (size_t i = 0; i < (*object)->Members().size(); ++i) parts.push_back(Seen((*object)->Call(i, {})));
+  return Join(parts, "|");
+}
+
+// Calls a member by name; "FormCol.Item" calls Item on what FormCol returns ("HeaderCol." its default).
+std::string CallMember(ScriptObject& object, const std::string& name, const Lines& args) {
+  try {
+    const size_t dot = name.find('.');
+    const std::string first = name.substr(0, dot);
     const auto& members = object.Members();
-    const size_t index = std::find(members.begin(), members.end(), member) - members.begin();
-    return ScriptText(object.Call(index, args));
+    const size_t index = std::find(members.begin(), members.end(), first) - members.begin();
+    if (index == members.size()) return "no member " + first;
+    if (dot == std::string::npos) return Seen(object.Call(index, args));
+    return CallMember(*std::get<std::shared_ptr<ScriptObject>>(object.Call(index, {})), name.substr(dot + 1),
+                      args);
+  } catch (const ScriptError& e) {
+    return "error " + std::to_string(e.number);
+  }
+}
+
+struct MemberCase {
+  std::string member;
+  Lines args;
+  std::string seen;
+};
+
+// hs over the Config folder: nothing outside it is read, written or created, whatever name a script uses.
+TEST_F(ScriptHostTest, HsReadsAndWritesOnlyFilesOfTheConfigFolder) {
+  HsObject object(hs);
+  const std::vector<MemberCase> cases{
+      {"GetINISetting", {"S", "k", "dflt", "other.ini"}, "dflt"},
+      {"SaveIniSetting", {"S", "a", "1", ""}, ""},
+      {"SaveIniSetting", {"S", "b", "2", "settings.ini"}, ""},
+      {"GetINISetting", {"S", "b", "-"}, "2"},  // no file: settings.ini
+      {"GetINISection", {"S", "settings.ini"}, std::string("A=1\0B=2", 7)},
+      {"ClearINISection", {"S", ""}, ""},
+      {"GetINISection", {"S", "settings.ini"}, "="},  // an empty section lists one empty key
+      {"Version", {}, hs.Version()},
+      {"DeviceString", {"x"}, ""},
+      {"", {}, ""},
+      {"GetINISetting", {"S", "k"}, "error 450"},
+      {"Version", {"x"}, "error 450"},
   };
-  EXPECT_EQ(call("GetINISetting", {"S", "k", "dflt", "other.ini"}), "dflt");
-  EXPECT_FALSE(fs::exists(home.Path() / "Config" / "other.ini"));
-  call("SaveIniSetting", {"S", "a", "1", ""});
-  call("SaveIniSetting", {"S", "b", "2", ""});
-  EXPECT_EQ(call("GetINISetting", {"S", "b", "-"}), "2");  // no file: settings.ini
-  EXPECT_EQ(call("GetINISection", {"S", "settings.ini"}), std::string("A=1\0B=2", 7));
-  call("ClearINISection", {"S", "settings.ini"});
-  EXPECT_EQ(call("GetINISection", {"S", "settings.ini"}), "=");  // an empty section lists one empty key
-  EXPECT_EQ(call("Version", {}), hs.Version());
-  for (const char* empty : {"SystemUpTime", "WEBLoggedInUser", "Sunrise", "Sunset", ""})
-    EXPECT_EQ(call(empty, {}), "") << empty;
-  EXPECT_EQ(call("DeviceString", {"x"}), "");
-  EXPECT_THROW(call("GetINISetting", {"S", "k"}), ScriptError);
+  for (const MemberCase& c : cases) EXPECT_EQ(CallMember(object, c.member, c.args), c.seen) << c.member;
+  for (const char* plain : {"console.ini", "COM10.ini", "x..ini", ".hidden", "Con1.ini"})
+    EXPECT_EQ(CallMember(object, "GetINISetting", {"S", "k", "ok", plain}), "ok") << plain;
+
+  Lines hostile{"..",        ".",       "../tavrel.ini", "..\\tavrel.ini", "/etc/passwd", "\\x.ini",
+                "sub/x.ini", "C:x.ini", "C:\\x.ini",     "x.ini:stream",   "x.ini.",      "x.ini ",
+                "a\tb.ini",  "a\x7F",   "CON",           "nul.ini",        "Com1.ini",    "LPT9",
+                "AUX .txt",  "conout$", "COM\xB9",       "prn.x.y",        "a<b",         "a|b",
+                "a?",        "a*",      "a\"b"};
+  hostile.push_back(std::string("a\0b", 3));
+  hostile.push_back(std::string(256, 'a'));
+  for (const std::string& name : hostile) {
+    const std::vector<std::pair<std::string, Lines>> calls{{"GetINISetting", {"S", "k", "d", name}},
+                                                           {"SaveIniSetting", {"S", "k", "v", name}},
+                                                           {"GetINISection", {"S", name}},
+                                                           {"ClearINISection", {"S", name}}};
+    for (const auto& [member, args] : calls)
+      EXPECT_EQ(CallMember(object, member, args), "error 52") << member << " " << name;
+  }
+  try {
+    object.Call(7, {"S", "k", "v", "../../x.ini"});  // SaveIniSetting
+    ADD_FAILURE();
+  } catch (const ScriptError& e) {
+    EXPECT_STREQ(e.what(),
+                 "Bad file name or number: \"../../x.ini\" is not a plain file name of the Config folder");
+  }
+  Lines written;
+  for (const auto& entry : fs::recursive_directory_iterator(home.Path()))
+    if (entry.is_regular_file()) written.push_back(fs::relative(entry.path(), home.Path()).generic_string());
+  std::sort(written.begin(), written.end());
+  EXPECT_EQ(written, (Lines{"Config/settings.ini", "Config/settings.ini_bck"}));
+
+  // Sunrise and sunset as heard on the network, as dates when they read as one.
+  const std::vector<std::pair<std::string, std::string>> times{
+      {"6:45", "date 1899-12-30 06:45:00"},
+      {"07:12:30 pm", "date 1899-12-30 19:12:30"},
+      {"12:05AM", "date 1899-12-30 00:05:00"},
+      {"2026-11-24 06:45:00", "date 2026-11-24 06:45:00"},
+      {"Unknown", "Unknown"},
+      {"", ""},
+      {"25:00", "25:00"},
+      {"13:00 PM", "13:00 PM"}};
+  for (const auto& [heard, seen] : times) {
+    hs.SetSunrise(heard);
+    hs.SetSunset(heard);
+    EXPECT_EQ(CallMember(object, "Sunrise", {}), seen) << heard;
+    EXPECT_EQ(CallMember(object, "Sunset", {}), seen) << heard;
+  }
+}
+
+// The request's members, and the answers the response's members send: byte for byte those of the
+// server's own routes, one per request.
+TEST_F(ScriptHostTest, RequestAndResponseMembersAnswerAsTheServerDoes) {
+  Request request;
+  request.ParsePage(
+      "POST /wol?q=1&Q=2&r=%5Bx%5D HTTP/1.1\r\nHost: tavrel:8019\r\nUser-Agent: UA\r\n\r\nname=x+y&b=%41");
+  request.SetRemoteIp("198.51.100.9");
+  RequestObject scriptRequest(request);
+  const std::vector<MemberCase> asked{
+      {"Form", {"NAME"}, "x y"},
+      {"QueryString", {"q"}, "1"},
+      {"ServerVariables", {"remote_addr"}, "tavrel"},
+      {"page", {}, "/wol"},
+      {"Query", {}, "q=1&Q=2&r=[x]"},
+      {"Method", {}, "POSTx"},
+      {"header", {}, "HTTP/1.1\r\nHost: tavrel:8019\r\nUser-Agent: UA"},
+      {"Payload", {}, "name=x+y&b=%41"},
+      {"remoteip", {}, "198.51.100.9"},
+      {"FormCol", {}, "{name|x y,b|A}"},
+      {"QueryStringCol", {}, "{q|1,r|[x]}"},
+      {"HeaderCol", {}, "{tavrel:8019,UA}"},
+      {"FormCol.Item", {"NAME"}, "name|x y"},
+      {"FormCol.", {"2"}, "b|A"},
+      {"FormCol.Count", {}, "2"},
+      {"HeaderCol.", {"user-agent"}, "UA"},
+      {"QueryStringCol.Item", {"3"}, "error 5"},
+      {"GetContent", {"a\r\n\r\nxbody"}, "body"},
+      {"Decode", {"a+b%3A%3a%41"}, "a b'/A"},
+      {"AddPostData", {"c=%41&name=no"}, ""},
+      {"Form", {"c"}, "A"},
+      {"Form", {"name"}, "x y"},
+      {"Form", {}, "error 450"},
+      {"page", {"x"}, "error 450"},
+  };
+  for (const MemberCase& c : asked)
+    EXPECT_EQ(CallMember(scriptRequest, c.member, c.args), c.seen) << c.member;
+
+  Write("HTML/style.css", "b{}");
+  Write("HTML/img/a.gif", "GIF89");
+  const auto stamp = [&](const char* file) {
+    return FormatDateTime(FileDateTime(home.Path() / "HTML" / file));
+  };
+  const std::string notFound =
+      "HTTP/1.1 200 Object Not Found\r\nServer: zel\r\nDate: 23-Nov-26\r\nConnection: Close\r\n"
+      "Content-Type: text/html\r\nContent-Length: 40\r\n\r\n<html><h1>404 File Not Found</h1></html>";
+  const std::string refused = "<HTML>Unauthorized Access<HTML>";
+  const std::string resubmit =
+      "<HTML><HEAD><SCRIPT LANGUAGE=\"JavaScript\">function initialize() {document.redo.submit();}</script>"
+      "</HEAD><body onLoad='initialize()'><form name='redo' action='http://hs:81/wol' method='POSTx'>"
+      "<input type='hidden' name='q' value='1'><input type='hidden' name='r' value='[x]'><input "
+      "type='hidden' "
+      "name='name' value='x y'><input type='hidden' name='b' value='A'><input type='hidden' name='c' "
+      "value='A'></form></HTML>";
+  const std::vector<MemberCase> sent{
+      {"Send",
+       {refused},
+       "HTTP/1.1 200 OK\r\nServer: zel\r\nDate: 23-Nov-26\r\nExpires: Tue, 04 Dec 1993 21:29:02 GMT\r\n"
+       "Accept-Ranges: bytes\r\nContent-Type: text/html\r\nContent-Length: 31\r\nCache-Control: no-cache\r\n"
+       "Location: http://localhost:8080/other\r\n\r\n" +
+           refused},
+      {"SendTextString", {refused, "3"}, "="},  // "=": the same answer as the row before
+      {"Redirect", {"/elsewhere"}, "="},
+      {"SendTextFile",
+       {"/Style.CSS", "3"},
+       "HTTP/1.0 200 OK\r\nServer: zel\r\nDate: 23-Nov-26\r\nAccept-Ranges: bytes\r\nContent-Type: "
+       "text/html\r\n"
+       "Last-Modified " +
+           stamp("style.css") + "\r\nContent-Length: 3\r\n\r\nb{}"},
+      {"SendTextFile", {"/../ScriptHost/style.css", "3"}, notFound},
+      {"SendErrorResponse", {"3"}, notFound},
+      {"SendBinaryFile",
+       {"img/A.GIF", " 3"},
+       "HTTP/1.1 200 OK\r\nServer: zel\r\nDate:23-Nov-26\r\nLast-Modified: " + stamp("img/a.gif") +
+           "\r\nAccept-Ranges: bytes\r\nContent-Length: 5\r\nConnection: Close\r\nContent-Type: "
+           "image/gif\r\n\r\n"
+           "GIF89" +
+           std::string(995, '\0')},
+      {"SendBinaryFile",
+       {"/none.gif", "3"},
+       "HTTP/1.1 404 Not Found\r\nServer: zel\r\nDate:23-Nov-26\r\n\r\n"},
+      {"RedirectToHS",
+       {"hs:81", "", "3"},
+       "HTTP/1.0 200 OK\r\nServer: zel\r\nDate: 23-Nov-26\r\nConnection: close\r\nContent-Type: text/html\r\n"
+       "Location: http://hs:81/wol\r\nContent-Length: " +
+           std::to_string(resubmit.size()) + "\r\n\r\n" + resubmit},
+      {"GetContentType", {"a.php"}, "text/html|text/html|True|True"},
+      {"GetContentType", {"a.PNG"}, "unknown/binary|unknown/binary|False|False"},
+      {"index", {}, "3"},
+      {"SendTextString", {"x", "4"}, "error 5"},
+      {"SendBinaryFile", {"/img/a.gif", "three"}, "error 13"},
+      {"RedirectToHS", {"hs:81", "3"}, "error 450"},
+      {"SendTextString", {"x"}, "error 450"},
+  };
+  ManualClock clock{MakeDateTime(2026, 11, 23, 9, 0, 0)};
+  std::string before;
+  for (const MemberCase& c : sent) {
+    Sink sink;
+    Response response(sink, {home.Path() / "HTML", clock, reporter, nullptr});
+    ResponseObject scriptResponse(response, request);
+    const std::string seen = CallMember(scriptResponse, c.member, c.args);
+    if (c.seen.starts_with("error") || c.member == "GetContentType" || c.member == "index") {
+      EXPECT_EQ(seen, c.seen) << c.member;
+      EXPECT_EQ(sink.sent, "") << c.member;
+      continue;
+    }
+    EXPECT_EQ(sink.sent, c.seen == "=" ? before : c.seen) << c.member;
+    before = sink.sent;
+    // Whatever a script sends after the answer sends nothing.
+    for (const MemberCase& again : sent) CallMember(scriptResponse, again.member, again.args);
+    EXPECT_EQ(sink.sent, before) << c.member;
+  }
+  EXPECT_THAT(Events(), ElementsAre());
 
   Sink sink;
-  ManualClock clock{MakeDateTime(2026, 11, 23, 9, 0, 0)};
-  Request request;
-  request.ParsePage("POST /wol?q=1 HTTP/1.1\r\nHost: tavrel:8019\r\n\r\nname=x+y");
   Response response(sink, {home.Path() / "HTML", clock, reporter, nullptr});
-  RequestObject scriptRequest(request);
-  ResponseObject scriptResponse(response);
-  EXPECT_EQ(ScriptText(scriptRequest.Call(0, {"NAME"})), "x y");
-  EXPECT_EQ(ScriptText(scriptRequest.Call(1, {"q"})), "1");
-  EXPECT_EQ(ScriptText(scriptRequest.Call(2, {"remote_addr"})), "tavrel");
-  EXPECT_EQ(ScriptText(scriptRequest.Call(5, {})), "POSTx");
-  EXPECT_EQ(ScriptText(scriptResponse.Call(2, {})), "3");
-  scriptResponse.Call(0, {"<html>mine</html>"});
-  EXPECT_TRUE(response.Answered());
-  EXPECT_NE(sink.sent.find("\r\n\r\n<html>mine</html>"), std::string::npos);
+  ResponseObject scriptResponse(response, request);
   scriptRequest.Detach();
   scriptResponse.Detach();
-  EXPECT_THROW(scriptRequest.Call(3, {}), ScriptError);
-  EXPECT_THROW(scriptResponse.Call(0, {"late"}), ScriptError);
+  EXPECT_EQ(CallMember(scriptRequest, "page", {}), "error 91");
+  EXPECT_EQ(CallMember(scriptResponse, "Send", {"late"}), "error 91");
 }
 
 class ScriptPageTest : public ScriptHostTest {
