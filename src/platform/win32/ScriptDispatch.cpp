@@ -84,12 +84,11 @@ ScriptDate FromDate(double value) {
   return ScriptDate{kDayZero + std::chrono::seconds(static_cast<long long>(days) * 86400 + time)};
 }
 
-bool SameName(const std::string& a, const wchar_t* b) {
-  const std::string name = Narrow(b, wcslen(b));
-  if (a.size() != name.size()) return false;
+bool SameName(const std::string& a, const std::string& b) {
+  if (a.size() != b.size()) return false;
   for (size_t i = 0; i < a.size(); ++i) {
     auto fold = [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; };
-    if (fold(a[i]) != fold(name[i])) return false;
+    if (fold(a[i]) != fold(b[i])) return false;
   }
   return true;
 }
@@ -172,11 +171,12 @@ class Dispatch final : public ComObject<IDispatch> {
     return TYPE_E_ELEMENTNOTFOUND;
   }
   HRESULT STDMETHODCALLTYPE GetIDsOfNames(REFIID, LPOLESTR* names, UINT count, LCID, DISPID* ids) override {
-    if (names == nullptr || ids == nullptr || count == 0) return E_INVALIDARG;
+    if (names == nullptr || names[0] == nullptr || ids == nullptr || count == 0) return E_INVALIDARG;
     for (UINT i = 0; i < count; ++i) ids[i] = DISPID_UNKNOWN;
+    const std::string name = Narrow(names[0], wcslen(names[0]));
     const auto& members = object_->Members();
     for (size_t m = 0; m < members.size(); ++m) {
-      if (!members[m].empty() && SameName(members[m], names[0])) {
+      if (!members[m].empty() && SameName(members[m], name)) {
         ids[0] = static_cast<DISPID>(m + 1);
         return count == 1 ? S_OK : DISP_E_UNKNOWNNAME;  // no named arguments
       }
