@@ -90,7 +90,8 @@ if wait_for 60 page; then
   agent=Blocked page
   [ "$(sed -n '/^\r$/,$p' "$work/page" | tail -n +2)" = "<html><body>No entry for 127.0.0.1</body></html>" ] ||
     fail "the turned-away visitor got more than the script's answer: $(cat "$work/page")"
-  grep -q '^VISITS=3' "$home/Config/tavrel.ini" || fail "the scripts' visit count did not reach tavrel.ini"
+  # The header step writes the count after the turned-away visitor's answer has gone out.
+  wait_for 5 grep -q '^VISITS=3' "$home/Config/tavrel.ini" || fail "the scripts' visit count did not reach tavrel.ini"
   # The framework's security check loops for this visitor: stopped after a second, reported, and the next
   # visitor is served as before.
   : >"$work/heard.txt"
