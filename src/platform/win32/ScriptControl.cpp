@@ -208,15 +208,14 @@ class Watchdog {
         wake_.wait(hold, ended);
         continue;
       }
+      // The engine is told under the lock, so no later call can have begun when it hears of it.
       fired_ = true;
       gate_->closed = true;
-      hold.unlock();
       EXCEPINFO info;
       FillException(info, gate_->number, gate_->description);
       engine_->InterruptScriptThread(SCRIPTTHREADID_BASE, &info, SCRIPTINTERRUPT_RAISEEXCEPTION);
       SysFreeString(info.bstrSource);
       SysFreeString(info.bstrDescription);
-      hold.lock();
     }
   }
 
