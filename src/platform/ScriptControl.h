@@ -23,11 +23,13 @@ struct ScriptDate {
 using ScriptValue = std::variant<std::monostate, bool, double, std::string, std::vector<std::string>,
                                  std::shared_ptr<ScriptObject>, ScriptDate>;
 
-// A failure of the script control or of the script it ran: the error number and description it gave.
+// A failure of the script control or of the script it ran: the error number and description it gave, and
+// the line of the script's code where it happened (counted from 1 in the code added; 0 when not known).
 struct ScriptError : std::runtime_error {
-  ScriptError(long number, const std::string& description)
-      : std::runtime_error(description), number(number) {}
+  ScriptError(long number, const std::string& description, long line = 0)
+      : std::runtime_error(description), number(number), line(line) {}
   long number;
+  long line;
 };
 
 // An object of this program that scripts call by member name (in any letter case). Arguments arrive as
@@ -55,8 +57,9 @@ class ScriptControl {
   virtual ScriptValue Run(const std::string& routine, const std::vector<ScriptValue>& args) = 0;
 };
 
-// Creates "MSScriptControl.ScriptControl" with the given language, its user interface allowed and the
-// time-out in milliseconds. Throws ScriptError when it cannot; outside Windows it never can (429).
+// Creates a script control for the given language (on Windows its script engine, hosted by this program,
+// which shows no user interface) with the time-out in milliseconds (-1 or 0: none), after which a running
+// script is stopped with an error. Throws ScriptError when it cannot; outside Windows it never can (429).
 std::unique_ptr<ScriptControl> CreateScriptControl(const std::string& language, long timeoutMs);
 
 }  // namespace tavrel::platform
