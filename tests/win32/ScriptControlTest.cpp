@@ -42,12 +42,24 @@ class Recorder final : public ScriptObject {
   std::vector<std::string> members_{"Echo", "Fail", "When", ""};
 };
 
+// An object without a default member, as the scripts' Request is.
+class Bare final : public ScriptObject {
+ public:
+  const std::vector<std::string>& Members() const override { return members_; }
+  ScriptValue Call(size_t, const std::vector<std::string>&) override { return {}; }
+
+ private:
+  std::vector<std::string> members_{"Nothing"};
+};
+
 TEST(ScriptControl, RunsVBScriptWithTheProgramsObjects) {
   std::unique_ptr<ScriptControl> control = CreateScriptControl("VBScript", 60000);
   auto recorder = std::make_shared<Recorder>();
   control->AddObject("rec", recorder, true);
+  control->AddObject("bare", std::make_shared<Bare>(), false);
   control->AddCode(
       "Dim kept\r\n"
+      "Function Objects()\r\n  Objects = rec.Echo(\"x\", bare, rec)\r\nEnd Function\r\n"
       "Function Both(a, b)\r\n  Both = rec.Echo(a, b) & \"/\" & ECHO(\"global\") & \"/\" & rec\r\nEnd "
       "Function\r\n"
       "Sub Keep(o)\r\n  Set kept = o\r\nEnd Sub\r\n"
@@ -85,6 +97,8 @@ TEST(ScriptControl, RunsVBScriptWithTheProgramsObjects) {
     EXPECT_EQ(std::get<ScriptDate>(control->Run("NextDay", {date})).time, date.time + days(1));
   }
   EXPECT_EQ(std::get<std::string>(control->Run("Parts", {})), "2026-11-24 13:5:9");
+  // Objects as arguments arrive as their default value, "" without one.
+  EXPECT_EQ(std::get<std::string>(control->Run("Objects", {})), "x||default");
   EXPECT_EQ(std::get<std::string>(control->Run("Walk", {})), "a,2,2026,o,");
 }
 

@@ -209,8 +209,11 @@ class Dispatch final : public ComObject<IDispatch> {
         continue;
       }
       Variant text;
+      const bool object = arg.vt == VT_DISPATCH || arg.vt == VT_UNKNOWN;
+      // An object passed as an argument reads as its default value, or "" when it has none (the
+      // request handed to Response.RedirectToHS).
       if (arg.vt != VT_EMPTY && arg.vt != VT_NULL &&
-          FAILED(VariantChangeType(&text, &arg, VARIANT_ALPHABOOL, VT_BSTR))) {
+          FAILED(VariantChangeType(&text, &arg, VARIANT_ALPHABOOL, VT_BSTR)) && !object) {
         return DISP_E_TYPEMISMATCH;
       }
       args.push_back(text.vt == VT_BSTR ? Narrow(text.bstrVal) : std::string());
