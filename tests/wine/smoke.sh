@@ -1,8 +1,10 @@
 #!/usr/bin/env bash
 # The Windows program under Wine, end to end on loopback: tavrel.exe starts with a temporary home, takes
 # the hub-client port because this script holds the xAP port (and so hears its heartbeats), serves the
-# management page, and ends through the menu's "Exit" on Ctrl-C (Wine turns SIGINT into the console's
-# CTRL_C_EVENT): exit code 0 and the "stopped" heartbeat prove the clean way out.
+# management page, and ends through the menu's "Exit" when the session ends (`wineboot --end-session`:
+# WM_QUERYENDSESSION and WM_ENDSESSION to its hidden window): exit code 0 and the "stopped" heartbeat prove
+# the clean way out. The hidden windows need a display: without one the script runs itself again in a
+# virtual X display.
 # Then twice with ScriptPages=1 and the small framework page set of framework/: once with Wine's script
 # control, serving /wol through the framework's routines, and once with the control taken away, where
 # the page gets no answer and the failure is reported.
@@ -13,6 +15,10 @@ exe="$(readlink -f "${1:?usage: smoke.sh PATH/TO/tavrel.exe}")"
 export WINEPREFIX="${WINEPREFIX:-$(dirname "$exe")/wineprefix}" WINEDEBUG="${WINEDEBUG:--all,err+module}"
 export WINEDLLOVERRIDES="${WINEDLLOVERRIDES:-mscoree,mshtml=}"
 wine=/usr/lib/wine/wine64
+if [ -z "${DISPLAY:-}" ]; then
+  wineserver -w 2>/dev/null  # a Wine session started without a display would keep running without one
+  exec xvfb-run -a "$0" "$@"
+fi
 work="$(mktemp -d)" pid="" listener=""
 cleanup() {
   [ -z "$pid" ] || kill -KILL "$pid" 2>/dev/null
@@ -48,17 +54,17 @@ start() { # starts tavrel.exe on the home; extra arguments are environment setti
   env "$@" "$wine" "$exe" --home "Z:${home//\//\\}" --no-tray >"$work/stdout" 2>&1 &
   pid=$!
 }
-stop() { # Ctrl-C: the menu's Exit, exit code 0 and the "stopped" heartbeat
+stop() { # the session ends: the menu's Exit, exit code 0 and the "stopped" heartbeat
   : >"$work/heard.txt"
-  kill -INT "$pid"
+  "$wine" wineboot --end-session
   if wait_for 20 sh -c "! kill -0 $pid 2>/dev/null"; then
     wait "$pid"
     rc=$?
     pid=""
-    [ "$rc" -eq 0 ] || fail "exit code $rc after Ctrl-C"
+    [ "$rc" -eq 0 ] || fail "exit code $rc after the session's end"
     wait_for 5 grep -q 'class=xap-hbeat.stopped' "$work/heard.txt" || fail "no 'stopped' heartbeat: not the Exit path"
   else
-    fail "still running 20 s after Ctrl-C"
+    fail "still running 20 s after the session's end"
   fi
 }
 page() { curl -s -i --max-time 5 -A "${agent:-smoke}" "http://127.0.0.1:$http_port/wol${query:-}" >"$work/page" 2>/dev/null; }
@@ -73,6 +79,7 @@ else
   fail "no answer on http://127.0.0.1:$http_port/wol"
 fi
 wait_for 10 grep -q 'class=xap-hbeat.alive' "$work/heard.txt" || fail "no heartbeat heard on 127.0.0.1:$xap_port"
+grep -q '^tavrel: xAP node ' "$work/stdout" || fail "no start line on standard error"
 stop
 
 # The framework's routines make the head, the cells and the foot, and read and write through hs, Request
@@ -110,4 +117,4 @@ if [ "$failures" -ne 0 ]; then
   cat "$work/heard.txt" 2>/dev/null
   exit 1
 fi
-echo "PASS: tavrel.exe served /wol on 127.0.0.1:$http_port, built-in and through script pages, and ended cleanly on Ctrl-C"
+echo "PASS: tavrel.exe served /wol on 127.0.0.1:$http_port, built-in and through script pages, and ended cleanly with the session"
