@@ -17,6 +17,7 @@
 #include "app/Tavrel.h"
 #include "lan/ComputerActions.h"
 #include "lan/NativeSweep.h"
+#include "platform/Console.h"
 #include "platform/Host.h"
 #include "platform/SessionEnd.h"
 
@@ -110,6 +111,7 @@ int RunService(const CommandLine& cmd) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  platform::UseParentConsole();
   std::vector<std::string> args(argv + 1, argv + argc);
   CommandLine cmd = ParseCommandLine(args);
   switch (cmd.action) {

@@ -3,8 +3,8 @@
 # the hub-client port because this script holds the xAP port (and so hears its heartbeats), serves the
 # management page, and ends through the menu's "Exit" when the session ends (`wineboot --end-session`:
 # WM_QUERYENDSESSION and WM_ENDSESSION to its hidden window): exit code 0 and the "stopped" heartbeat prove
-# the clean way out. The hidden windows need a display: without one the script runs itself again in a
-# virtual X display.
+# the clean way out. It is a GUI program, so Wine no longer turns a SIGINT into Ctrl+C for it. The hidden
+# windows need a display: without one the script runs itself again in a virtual X display.
 # Then twice with ScriptPages=1 and the small framework page set of framework/: once with Wine's script
 # control, serving /wol through the framework's routines, and once with the control taken away, where
 # the page gets no answer and the failure is reported.
@@ -70,6 +70,13 @@ stop() { # the session ends: the menu's Exit, exit code 0 and the "stopped" hear
 page() { curl -s -i --max-time 5 -A "${agent:-smoke}" "http://127.0.0.1:$http_port/wol${query:-}" >"$work/page" 2>/dev/null; }
 body_has() { grep -qF -- "$1" "$work/page" || fail "${2:-the page} lacks: $1"; }
 
+# No console window of its own: the PE header's subsystem is 2 (Windows GUI), not 3 (console)...
+subsystem=$(python3 -c 'import struct,sys; d=open(sys.argv[1],"rb").read(4096); print(struct.unpack_from("<H", d, struct.unpack_from("<I", d, 0x3c)[0] + 92)[0])' "$exe")
+[ "$subsystem" = 2 ] || fail "tavrel.exe is not a GUI program: PE subsystem $subsystem"
+# ...and it still writes to the console or file it was given.
+"$wine" "$exe" --version >"$work/version" 2>&1
+grep -q '^tavrel [0-9]' "$work/version" || fail "--version printed nothing: $(cat "$work/version")"
+
 start
 if wait_for 60 page; then
   [ "$(head -n 1 "$work/page")" = $'HTTP/1.1 200 OK\r' ] || fail "the answer does not start with HTTP/1.1 200 OK: $(head -n 1 "$work/page")"
@@ -117,4 +124,4 @@ if [ "$failures" -ne 0 ]; then
   cat "$work/heard.txt" 2>/dev/null
   exit 1
 fi
-echo "PASS: tavrel.exe served /wol on 127.0.0.1:$http_port, built-in and through script pages, and ended cleanly with the session"
+echo "PASS: tavrel.exe (GUI) served /wol on 127.0.0.1:$http_port, built-in and through script pages, and ended cleanly with the session"
