@@ -184,6 +184,8 @@ void Tavrel::TrayIconCallback(long msg) {
   if ((msg == 514 || msg == 517) && tray_) tray_->PopupMenu();
 }
 
+void Tavrel::TrayReport(const std::string& text) { log_.WriteLog(kModule, text); }
+
 // This machine's own entry in the ARP table, in memory and in the INI file.
 void Tavrel::RegisterOwnAddress() {
   const std::string mac = platform::LocalMac();
