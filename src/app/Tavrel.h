@@ -81,6 +81,7 @@ class Tavrel final : public platform::TrayOwner {
  private:
   bool StartXap();
   void ShowTrayIcon();
+  void OpenPage();
   void RegisterOwnAddress();
   void StartServer();
   void TakeDown();
