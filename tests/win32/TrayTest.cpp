@@ -116,11 +116,25 @@ TEST_F(TrayTest, MouseMessagesAndCommandsReachTheOwnerOnTheLoop) {
   EXPECT_THAT(owner.clicks, ElementsAre(6, 3));
 }
 
-TEST_F(TrayTest, IconComesBackWhenTheTaskbarIsCreatedAgain) {
-  ASSERT_TRUE(tray->SetTrayIcon(true));
+// With no notification area yet (no taskbar on the desktop the program looks at) the icon is not shown;
+// it comes as soon as a taskbar announces itself, and again after Explorer restarted.
+TEST_F(TrayTest, IconComesWithTheTaskbar) {
+  HDESK own = GetThreadDesktop(GetCurrentThreadId());
+  HDESK bare = CreateDesktopA("TavrelNoTaskbar", nullptr, nullptr, 0, GENERIC_ALL, nullptr);
+  ASSERT_NE(bare, nullptr);
+  ASSERT_TRUE(SetThreadDesktop(bare)) << GetLastError();
+  const bool shown = tray->SetTrayIcon(true);
+  SetThreadDesktop(own);
+  CloseDesktop(bare);
+  EXPECT_FALSE(shown);
   NOTIFYICONDATAA data = Record();
-  ASSERT_TRUE(Shell_NotifyIconA(NIM_DELETE, &data));  // as if Explorer had restarted
-  SendMessageA(window, RegisterWindowMessageA("TaskbarCreated"), 0, 0);
+  EXPECT_FALSE(Shell_NotifyIconA(NIM_DELETE, &data)) << "reported as not shown, yet there";
+  const UINT taskbarCreated = RegisterWindowMessageA("TaskbarCreated");
+  SendMessageA(window, taskbarCreated, 0, 0);
+  io.poll();
+  ASSERT_TRUE(Shell_NotifyIconA(NIM_DELETE, &data)) << "the icon did not come with the taskbar";
+  // As if Explorer had restarted: the icon was deleted just above.
+  SendMessageA(window, taskbarCreated, 0, 0);
   io.poll();
   EXPECT_TRUE(Shell_NotifyIconA(NIM_DELETE, &data)) << "the icon was not added again";
 }
