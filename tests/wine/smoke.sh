@@ -50,8 +50,10 @@ listener=$!
 port_taken() { ! python3 -c 'import socket,sys; socket.socket(socket.AF_INET, socket.SOCK_DGRAM).bind(("127.0.0.1", int(sys.argv[1])))' "$1" 2>/dev/null; }
 wait_for 10 port_taken "$xap_port" || fail "the test listener did not take the xAP port"
 
-start() { # starts tavrel.exe on the home; extra arguments are environment settings for Wine
-  env "$@" "$wine" "$exe" --home "Z:${home//\//\\}" --no-tray >"$work/stdout" 2>&1 &
+start() { # starts tavrel.exe on the home; extra arguments are environment settings for Wine; tray=1: with its icon
+  local options=(--no-tray)
+  [ -z "${tray:-}" ] || options=()
+  env "$@" "$wine" "$exe" --home "Z:${home//\//\\}" "${options[@]}" >"$work/stdout" 2>&1 &
   pid=$!
 }
 stop() { # the session ends: the menu's Exit, exit code 0 and the "stopped" heartbeat
@@ -77,7 +79,7 @@ subsystem=$(python3 -c 'import struct,sys; d=open(sys.argv[1],"rb").read(4096); 
 "$wine" "$exe" --version >"$work/version" 2>&1
 grep -q '^tavrel [0-9]' "$work/version" || fail "--version printed nothing: $(cat "$work/version")"
 
-start
+tray=1 start
 if wait_for 60 page; then
   [ "$(head -n 1 "$work/page")" = $'HTTP/1.1 200 OK\r' ] || fail "the answer does not start with HTTP/1.1 200 OK: $(head -n 1 "$work/page")"
   grep -qi '<table' "$work/page" || fail "the page holds no table"
@@ -88,6 +90,8 @@ fi
 wait_for 10 grep -q 'class=xap-hbeat.alive' "$work/heard.txt" || fail "no heartbeat heard on 127.0.0.1:$xap_port"
 grep -q '^tavrel: xAP node ' "$work/stdout" || fail "no start line on standard error"
 stop
+# The icon was shown (the program logs when it is not) and went with the session's end.
+! grep -i 'tray icon\|notification area' "$home/Data/tavrel.txt" 2>/dev/null || fail "no tray icon under Wine's desktop"
 
 # The framework's routines make the head, the cells and the foot, and read and write through hs, Request
 # and Response; a visitor the security check turns away gets the script's own answer and nothing else.
