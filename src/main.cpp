@@ -17,7 +17,9 @@
 #include "app/Tavrel.h"
 #include "lan/ComputerActions.h"
 #include "lan/NativeSweep.h"
+#include "platform/Console.h"
 #include "platform/Host.h"
+#include "platform/SessionEnd.h"
 
 namespace {
 
@@ -83,12 +85,9 @@ int RunService(const CommandLine& cmd) {
   asio::io_context io;
   SystemClock clock;
   Tavrel app(io, home, clock, Tavrel::Options{cmd.debug, cmd.noTray});
-  // The signals are caught from the very start: one that comes while the program starts up is
-  // handled once the loop runs, instead of ending the process.
-  asio::signal_set exitSignals(io, SIGINT, SIGTERM);
-  exitSignals.async_wait([&](const std::error_code& ec, int) {
-    if (!ec) app.MenuArray_Click(Tavrel::kExit);
-  });
+  // The session's end is watched from the very start: a Ctrl+C, logoff or shutdown that comes while the
+  // program starts up is handled once the loop runs, instead of ending the process.
+  const auto sessionEnd = platform::WatchSessionEnd(io, [&] { app.MenuArray_Click(Tavrel::kExit); });
 #ifdef SIGUSR1
   // A service without a tray icon still offers the menu's "Query LAN".
   asio::signal_set scanSignal(io, SIGUSR1);
@@ -112,6 +111,7 @@ int RunService(const CommandLine& cmd) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  platform::UseParentConsole();
   std::vector<std::string> args(argv + 1, argv + argc);
   CommandLine cmd = ParseCommandLine(args);
   switch (cmd.action) {

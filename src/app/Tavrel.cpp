@@ -185,6 +185,21 @@ void Tavrel::TrayIconCallback(long msg) {
   if ((msg == 514 || msg == 517) && tray_) tray_->PopupMenu();
 }
 
+// The page in the user's browser, on the port the web server takes from the same setting.
+void Tavrel::OpenPage() {
+  const long port = TCPServer::PortNumber(httpPortSetting_);
+  if (port <= 0 || port > 65535) {
+    log_.WriteLog(kModule, "Browser: no page to open, HTTPPort " + httpPortSetting_ + " names no port");
+    return;
+  }
+  std::string whyNot;
+  // The backslash before "wol" has always been part of this address; browsers take it as "/".
+  if (!platform::OpenBrowser("http://localhost:" + std::to_string(port) + "\\wol", whyNot))
+    log_.WriteLog(kModule, "Browser: cannot open a web browser: " + whyNot);
+}
+
+void Tavrel::TrayReport(const std::string& text) { log_.WriteLog(kModule, text); }
+
 // This machine's own entry in the ARP table, in memory and in the INI file.
 void Tavrel::RegisterOwnAddress() {
   const std::string mac = platform::LocalMac();
@@ -211,8 +226,7 @@ void Tavrel::onMessage() {
 void Tavrel::MenuArray_Click(int index) {
   switch (index) {
     case kBrowser:
-      // The backslash before "wol" has always been part of this address; browsers take it as "/".
-      platform::OpenBrowser("http://localhost:" + httpPortSetting_ + "\\wol");
+      OpenPage();
       break;
     case kQueryLan:
       if (lanScan_) lanScan_->QueryLAN();

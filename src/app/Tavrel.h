@@ -54,6 +54,7 @@ class Tavrel final : public platform::TrayOwner {
   // A left or right button up at the icon (514, 517) pops the menu up; other messages do nothing.
   void TrayIconCallback(long msg) override;
   void MenuArray_Click(int index) override;
+  void TrayReport(const std::string& text) override;
   // With Exiting set: takes the parts down so the loop runs out. Without: nothing (the program stays).
   void Form_unload();
 
@@ -80,6 +81,7 @@ class Tavrel final : public platform::TrayOwner {
  private:
   bool StartXap();
   void ShowTrayIcon();
+  void OpenPage();
   void RegisterOwnAddress();
   void StartServer();
   void TakeDown();

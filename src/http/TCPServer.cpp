@@ -18,9 +18,10 @@ using asio::ip::tcp;
 
 constexpr auto kAcceptRetry = std::chrono::milliseconds(100);
 
-// The port's numeric value as the setting was always read: leading blanks skipped, then the digits up
-// to the first other character; 0 when there are none.
-long PortValue(std::string_view text) {
+}  // namespace
+
+long TCPServer::PortNumber(std::string_view setting) {
+  const std::string text = Replace(setting, "\"", "");
   size_t i = 0;
   while (i < text.size() && (text[i] == ' ' || text[i] == '\t')) ++i;
   long value = 0;
@@ -29,8 +30,6 @@ long PortValue(std::string_view text) {
   }
   return value;
 }
-
-}  // namespace
 
 struct TCPServer::Listener {
   explicit Listener(asio::io_context& io) : acceptor(io) {}
@@ -133,7 +132,7 @@ TCPServer::~TCPServer() { Form_Unload(); }
 bool TCPServer::Form_Load() {
   try {
     const std::string port = Replace(settings_.httpPort, "\"", "");
-    const long value = PortValue(port);
+    const long value = PortNumber(port);
     if (port.empty() || value == localPort_) return Listening();
     if (value > 65535) throw std::invalid_argument("HTTPPort " + port + " is not a port");
     auto listener = std::make_shared<Listener>(io_);

@@ -3,6 +3,7 @@
 #include <filesystem>
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include <asio/io_context.hpp>
 
@@ -39,6 +40,10 @@ class TCPServer final : public TCPServerModule {
   bool Form_Load();
   // Closes the listener and every connection; may be called again.
   void Form_Unload();
+
+  // The port an "HTTPPort" setting names, as the server reads it: double quotes removed, leading blanks
+  // skipped, then the digits up to the first other character; 0 when there are none.
+  static long PortNumber(std::string_view setting);
 
   bool Listening() const { return localPort_ != 0; }
   int LocalPort() const { return localPort_; }

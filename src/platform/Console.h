@@ -7,6 +7,11 @@
 
 namespace tavrel::platform {
 
+// The Windows program has no console of its own: started from one, it writes to that console (and reads
+// from it) wherever standard output, error and input were not already sent to a file or pipe. Elsewhere
+// nothing happens. Called first, before anything is printed.
+void UseParentConsole();
+
 // True when standard input is a terminal (a console on Windows), where a person types.
 bool StdinIsTerminal();
 

@@ -33,8 +33,9 @@ std::filesystem::path ExecutablePath();
 // %LOCALAPPDATA%\tavrel).
 std::filesystem::path UserDataFolder();
 
-// Opens url in the user's web browser without waiting for it; false when no launcher could be started.
-bool OpenBrowser(const std::string& url);
+// Opens url in the user's web browser without waiting for it; false with whyNot set when no launcher
+// could be started.
+bool OpenBrowser(const std::string& url, std::string& whyNot);
 
 // A long-running service's allocator settings: memory freed after a page is kept for the next one instead
 // of going back to the system and faulting in again per request (the process stays at its working size).

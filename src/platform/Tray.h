@@ -20,6 +20,8 @@ class TrayOwner {
   virtual void TrayIconCallback(long msg) = 0;
   // An entry of the menu was chosen, by its index.
   virtual void MenuArray_Click(int index) = 0;
+  // A line for the log about the icon itself (the icon gave up waiting for a notification area).
+  virtual void TrayReport(const std::string& /*text*/) {}
 };
 
 // One entry of the icon's menu; the caption "-" is a separator.
@@ -32,9 +34,9 @@ struct TrayMenuEntry {
 class Tray {
  public:
   virtual ~Tray() = default;
-  // Shows (adds or modifies) or removes the icon. Showing gives false while no notification area is
-  // there to take it; the icon then appears by itself as soon as one is (a panel that starts late, or
-  // starts again).
+  // Shows (adds or modifies) or removes the icon. Showing gives true when the icon is in the notification
+  // area, false when it is not there yet: the icon then comes by itself as soon as a notification area
+  // appears (a tray host started late or restarted). Removing gives false only when the host refused.
   virtual bool SetTrayIcon(bool show) = 0;
   // Pops up the menu at the mouse position (where the platform leaves that to the program).
   virtual void PopupMenu() = 0;
@@ -45,8 +47,9 @@ struct TrayConfig {
   std::vector<TrayMenuEntry> Menu;
 };
 
-// The platform's icon, or nullptr with whyNot set when this session can never offer a notification area
-// (no display, no session bus). Built-in icon: no file beside the program needed.
+// The platform's icon whenever this session may ever show one, even with no tray host yet; nullptr with
+// whyNot set when it never can (no display, no session bus). Built-in icon: no file beside the program
+// needed.
 std::unique_ptr<Tray> OpenTray(asio::io_context& io, TrayOwner& owner, TrayConfig config,
                                std::string& whyNot);
 

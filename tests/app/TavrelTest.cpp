@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <cstdlib>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -91,6 +92,29 @@ TEST_F(TavrelTest, OnlyExitEndsTheProgram) {
   app->MenuArray_Click(Tavrel::kExit);
   EXPECT_TRUE(app->Exiting() && io.stopped());
 }
+
+#ifndef _WIN32
+// "Browser" opens the page on the port the server reads from the same setting (quotes and all), and a
+// browser that cannot be started is logged with the reason.
+TEST_F(TavrelTest, BrowserOpensThePageOnTheServersPortOrSaysWhyNot) {
+  Start("[WOL]\nHTTPPort=\"8019\"x\n");
+  test::TempDir bin;
+  test::WriteFile(bin.Path() / "xdg-open", "#!/bin/sh\nprintf '%s' \"$1\" >\"$0.url\"\n");
+  std::filesystem::permissions(bin.Path() / "xdg-open", std::filesystem::perms::owner_all);
+  const std::string path = std::getenv("PATH");
+  setenv("PATH", bin.Path().c_str(), 1);
+  app->MenuArray_Click(Tavrel::kBrowser);
+  EXPECT_TRUE(test::WaitFor([&] { return std::filesystem::exists(bin.Path() / "xdg-open.url"); }));
+  std::filesystem::remove(bin.Path() / "xdg-open");
+  app->MenuArray_Click(Tavrel::kBrowser);
+  setenv("PATH", path.c_str(), 1);
+  EXPECT_EQ(test::ReadFile(bin.Path() / "xdg-open.url"), "http://localhost:8019\\wol");
+  EXPECT_NE(test::ReadFile(home.Path() / "Data" / "tavrel.txt")
+                .find("tavrel Browser: cannot open a web browser: xdg-open is not installed"),
+            std::string::npos);
+  EXPECT_FALSE(app->Exiting() || io.stopped());
+}
+#endif
 
 // A missing home is made at start-up; a file where the home or one of its folders should be stops it.
 TEST(HomeFolderError, OnlyAFileInThePathStopsTheStart) {

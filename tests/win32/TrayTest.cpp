@@ -1,12 +1,16 @@
-// The notification-area icon on a real Windows desktop (Wine in a virtual X display in the build).
+// The notification-area icon and the session's end on a real Windows desktop (Wine in a virtual X display
+// in the build).
 #include <windows.h>
 
 #include <shellapi.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <functional>
 #include <string>
+#include <string_view>
+#include <thread>
 #include <vector>
 
 #include <asio/executor_work_guard.hpp>
@@ -15,6 +19,7 @@
 #include <gtest/gtest.h>
 
 #include "TestSupport.h"
+#include "platform/SessionEnd.h"
 #include "platform/Tray.h"
 #include "platform/win32/TrayWindow.h"
 
@@ -41,6 +46,14 @@ TrayConfig WolConfig() {
 
 bool HasDisplay() { return std::getenv("DISPLAY") != nullptr; }
 
+// Runs the loop until cond holds; the window threads' events arrive through it.
+bool RunUntil(asio::io_context& io, const std::function<bool()>& cond) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (!cond() && std::chrono::steady_clock::now() < deadline)
+    io.run_one_for(std::chrono::milliseconds(50));
+  return cond();
+}
+
 class TrayTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -51,13 +64,7 @@ class TrayTest : public ::testing::Test {
     window = win32::TrayWindow(*tray);
   }
 
-  // Runs the loop until cond holds; the tray thread's events arrive through it.
-  bool RunUntil(const std::function<bool()>& cond) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (!cond() && std::chrono::steady_clock::now() < deadline)
-      io.run_one_for(std::chrono::milliseconds(50));
-    return cond();
-  }
+  bool RunUntil(const std::function<bool()>& cond) { return platform::RunUntil(io, cond); }
 
   // The record the shell knows our icon by, for removing it behind the program's back.
   NOTIFYICONDATAA Record() const {
@@ -109,33 +116,55 @@ TEST_F(TrayTest, MouseMessagesAndCommandsReachTheOwnerOnTheLoop) {
   EXPECT_THAT(owner.clicks, ElementsAre(6, 3));
 }
 
-TEST_F(TrayTest, IconComesBackWhenTheTaskbarIsCreatedAgain) {
-  ASSERT_TRUE(tray->SetTrayIcon(true));
+// With no notification area yet (no taskbar on the desktop the program looks at) the icon is not shown;
+// it comes as soon as a taskbar announces itself, and again after Explorer restarted.
+TEST_F(TrayTest, IconComesWithTheTaskbar) {
+  HDESK own = GetThreadDesktop(GetCurrentThreadId());
+  HDESK bare = CreateDesktopA("TavrelNoTaskbar", nullptr, nullptr, 0, GENERIC_ALL, nullptr);
+  ASSERT_NE(bare, nullptr);
+  ASSERT_TRUE(SetThreadDesktop(bare)) << GetLastError();
+  const bool shown = tray->SetTrayIcon(true);
+  SetThreadDesktop(own);
+  CloseDesktop(bare);
+  EXPECT_FALSE(shown);
   NOTIFYICONDATAA data = Record();
-  ASSERT_TRUE(Shell_NotifyIconA(NIM_DELETE, &data));  // as if Explorer had restarted
-  SendMessageA(window, RegisterWindowMessageA("TaskbarCreated"), 0, 0);
+  EXPECT_FALSE(Shell_NotifyIconA(NIM_DELETE, &data)) << "reported as not shown, yet there";
+  const UINT taskbarCreated = RegisterWindowMessageA("TaskbarCreated");
+  SendMessageA(window, taskbarCreated, 0, 0);
+  io.poll();
+  ASSERT_TRUE(Shell_NotifyIconA(NIM_DELETE, &data)) << "the icon did not come with the taskbar";
+  // As if Explorer had restarted: the icon was deleted just above.
+  SendMessageA(window, taskbarCreated, 0, 0);
   io.poll();
   EXPECT_TRUE(Shell_NotifyIconA(NIM_DELETE, &data)) << "the icon was not added again";
 }
 
-// Finds the menu the tray thread shows (class "#32768") among this process's windows.
-HWND ShownMenu() {
-  HWND found = nullptr;
+// A top-level window of this process by its class; only a shown one when visible is set.
+HWND OwnWindow(std::string_view cls, bool visible) {
+  struct Search {
+    std::string_view cls;
+    bool visible;
+    HWND found;
+  } search{cls, visible, nullptr};
   EnumWindows(
-      [](HWND hwnd, LPARAM out) -> BOOL {
-        char name[16] = {};
+      [](HWND hwnd, LPARAM param) -> BOOL {
+        auto& s = *reinterpret_cast<Search*>(param);
+        char name[32] = {};
         DWORD pid = 0;
         GetWindowThreadProcessId(hwnd, &pid);
-        if (pid == GetCurrentProcessId() && GetClassNameA(hwnd, name, sizeof name) &&
-            std::string(name) == "#32768" && IsWindowVisible(hwnd)) {
-          *reinterpret_cast<HWND*>(out) = hwnd;
+        if (pid == GetCurrentProcessId() && GetClassNameA(hwnd, name, sizeof name) && s.cls == name &&
+            (!s.visible || IsWindowVisible(hwnd))) {
+          s.found = hwnd;
           return FALSE;
         }
         return TRUE;
       },
-      reinterpret_cast<LPARAM>(&found));
-  return found;
+      reinterpret_cast<LPARAM>(&search));
+  return search.found;
 }
+
+// The menu the tray thread shows (class "#32768").
+HWND ShownMenu() { return OwnWindow("#32768", true); }
 
 TEST_F(TrayTest, PopupMenuShowsTheEntriesInOrderAndReportsTheChoice) {
   tray->PopupMenu();
@@ -156,6 +185,40 @@ TEST_F(TrayTest, PopupMenuShowsTheEntriesInOrderAndReportsTheChoice) {
   PostMessageA(shown, WM_KEYDOWN, VK_RETURN, 0);
   ASSERT_TRUE(RunUntil([&] { return !owner.clicks.empty(); }));
   EXPECT_THAT(owner.clicks, ElementsAre(6));
+}
+
+// Windows tells a program without a console that the session ends with two messages to its top-level
+// windows: it may end (yes), then it ends, and the process may be killed once that is answered. So the
+// answer waits until the loop has done the Exit work and the watch is gone, as at the end of main.
+TEST(SessionEnd, EndIsAnsweredOnlyAfterTheLoopHasDoneExit) {
+  if (!HasDisplay()) GTEST_SKIP() << "no X display";
+  asio::io_context io;
+  auto work = asio::make_work_guard(io);
+  std::atomic<int> ends = 0;
+  std::shared_ptr<void> watch = WatchSessionEnd(io, [&] {
+    ++ends;
+    io.stop();
+  });
+  HWND window = OwnWindow("TavrelSessionWindow", false);
+  ASSERT_NE(window, nullptr);
+  EXPECT_FALSE(IsWindowVisible(window));
+  EXPECT_EQ(SendMessageA(window, WM_QUERYENDSESSION, 0, ENDSESSION_LOGOFF), TRUE);
+  std::thread loop([&] {
+    io.run();
+    watch.reset();
+  });
+  SendMessageA(window, WM_ENDSESSION, TRUE, ENDSESSION_LOGOFF);
+  EXPECT_EQ(ends, 1) << "the end was answered before the program had ended";
+  loop.join();
+  EXPECT_FALSE(IsWindow(window));
+
+  // Closing the window (taskkill without /f) asks for the same end, without waiting for it.
+  io.restart();
+  watch = WatchSessionEnd(io, [&] { ++ends; });
+  window = OwnWindow("TavrelSessionWindow", false);
+  SendMessageA(window, WM_CLOSE, 0, 0);
+  EXPECT_TRUE(RunUntil(io, [&] { return ends == 2; }));
+  watch.reset();
 }
 
 TEST(TrayWithoutDisplay, OpenFailsWithAReason) {

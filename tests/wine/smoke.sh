@@ -1,8 +1,10 @@
 #!/usr/bin/env bash
 # The Windows program under Wine, end to end on loopback: tavrel.exe starts with a temporary home, takes
 # the hub-client port because this script holds the xAP port (and so hears its heartbeats), serves the
-# management page, and ends through the menu's "Exit" on Ctrl-C (Wine turns SIGINT into the console's
-# CTRL_C_EVENT): exit code 0 and the "stopped" heartbeat prove the clean way out.
+# management page, and ends through the menu's "Exit" when the session ends (`wineboot --end-session`:
+# WM_QUERYENDSESSION and WM_ENDSESSION to its hidden window): exit code 0 and the "stopped" heartbeat prove
+# the clean way out. It is a GUI program, so Wine no longer turns a SIGINT into Ctrl+C for it. The hidden
+# windows need a display: without one the script runs itself again in a virtual X display.
 # Then twice with ScriptPages=1 and the small framework page set of framework/: once with Wine's VBScript
 # engine, serving /wol through the framework's routines (and stopping, after ScriptTimeout, a visit whose
 # script loops), and once with the engine taken away, where the page gets no answer and the failure is
@@ -14,6 +16,10 @@ exe="$(readlink -f "${1:?usage: smoke.sh PATH/TO/tavrel.exe}")"
 export WINEPREFIX="${WINEPREFIX:-$(dirname "$exe")/wineprefix}" WINEDEBUG="${WINEDEBUG:--all,err+module}"
 export WINEDLLOVERRIDES="${WINEDLLOVERRIDES:-mscoree,mshtml=}"
 wine=/usr/lib/wine/wine64
+if [ -z "${DISPLAY:-}" ]; then
+  wineserver -w 2>/dev/null  # a Wine session started without a display would keep running without one
+  exec xvfb-run -a "$0" "$@"
+fi
 work="$(mktemp -d)" pid="" listener=""
 cleanup() {
   [ -z "$pid" ] || kill -KILL "$pid" 2>/dev/null
@@ -45,27 +51,36 @@ listener=$!
 port_taken() { ! python3 -c 'import socket,sys; socket.socket(socket.AF_INET, socket.SOCK_DGRAM).bind(("127.0.0.1", int(sys.argv[1])))' "$1" 2>/dev/null; }
 wait_for 10 port_taken "$xap_port" || fail "the test listener did not take the xAP port"
 
-start() { # starts tavrel.exe on the home; extra arguments are environment settings for Wine
-  env "$@" "$wine" "$exe" --home "Z:${home//\//\\}" --no-tray >"$work/stdout" 2>&1 &
+start() { # starts tavrel.exe on the home; extra arguments are environment settings for Wine; tray=1: with its icon
+  local options=(--no-tray)
+  [ -z "${tray:-}" ] || options=()
+  env "$@" "$wine" "$exe" --home "Z:${home//\//\\}" "${options[@]}" >"$work/stdout" 2>&1 &
   pid=$!
 }
-stop() { # Ctrl-C: the menu's Exit, exit code 0 and the "stopped" heartbeat
+stop() { # the session ends: the menu's Exit, exit code 0 and the "stopped" heartbeat
   : >"$work/heard.txt"
-  kill -INT "$pid"
+  "$wine" wineboot --end-session
   if wait_for 20 sh -c "! kill -0 $pid 2>/dev/null"; then
     wait "$pid"
     rc=$?
     pid=""
-    [ "$rc" -eq 0 ] || fail "exit code $rc after Ctrl-C"
+    [ "$rc" -eq 0 ] || fail "exit code $rc after the session's end"
     wait_for 5 grep -q 'class=xap-hbeat.stopped' "$work/heard.txt" || fail "no 'stopped' heartbeat: not the Exit path"
   else
-    fail "still running 20 s after Ctrl-C"
+    fail "still running 20 s after the session's end"
   fi
 }
 page() { curl -s -i --max-time 5 -A "${agent:-smoke}" "http://127.0.0.1:$http_port/wol${query:-}" >"$work/page" 2>/dev/null; }
 body_has() { grep -qF -- "$1" "$work/page" || fail "${2:-the page} lacks: $1"; }
 
-start
+# No console window of its own: the PE header's subsystem is 2 (Windows GUI), not 3 (console)...
+subsystem=$(python3 -c 'import struct,sys; d=open(sys.argv[1],"rb").read(4096); print(struct.unpack_from("<H", d, struct.unpack_from("<I", d, 0x3c)[0] + 92)[0])' "$exe")
+[ "$subsystem" = 2 ] || fail "tavrel.exe is not a GUI program: PE subsystem $subsystem"
+# ...and it still writes to the console or file it was given.
+"$wine" "$exe" --version >"$work/version" 2>&1
+grep -q '^tavrel [0-9]' "$work/version" || fail "--version printed nothing: $(cat "$work/version")"
+
+tray=1 start
 if wait_for 60 page; then
   [ "$(head -n 1 "$work/page")" = $'HTTP/1.1 200 OK\r' ] || fail "the answer does not start with HTTP/1.1 200 OK: $(head -n 1 "$work/page")"
   grep -qi '<table' "$work/page" || fail "the page holds no table"
@@ -74,7 +89,10 @@ else
   fail "no answer on http://127.0.0.1:$http_port/wol"
 fi
 wait_for 10 grep -q 'class=xap-hbeat.alive' "$work/heard.txt" || fail "no heartbeat heard on 127.0.0.1:$xap_port"
+grep -q '^tavrel: xAP node ' "$work/stdout" || fail "no start line on standard error"
 stop
+# The icon was shown (the program logs when it is not) and went with the session's end.
+! grep -i 'tray icon\|notification area' "$home/Data/tavrel.txt" 2>/dev/null || fail "no tray icon under Wine's desktop"
 
 # The framework's routines make the head, the cells and the foot, and read and write through hs, Request
 # and Response; a visitor the security check turns away gets the script's own answer and nothing else.
@@ -121,4 +139,4 @@ if [ "$failures" -ne 0 ]; then
   cat "$work/heard.txt" 2>/dev/null
   exit 1
 fi
-echo "PASS: tavrel.exe served /wol on 127.0.0.1:$http_port, built-in and through script pages, and ended cleanly on Ctrl-C"
+echo "PASS: tavrel.exe (GUI) served /wol on 127.0.0.1:$http_port, built-in and through script pages, and ended cleanly with the session"

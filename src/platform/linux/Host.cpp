@@ -99,7 +99,7 @@ std::filesystem::path UserDataFolder() {
   return std::filesystem::path(home != nullptr && *home != '\0' ? home : "/tmp") / ".local/share/tavrel";
 }
 
-bool OpenBrowser(const std::string& url) {
+bool OpenBrowser(const std::string& url, std::string& whyNot) {
   // A launcher may run a text browser in the foreground when there is no desktop, so it is never
   // waited for: a short-lived shell starts it in the background, in a session of its own, with nothing
   // to read and nowhere to write, and ends at once (only the shell is reaped here). The shell's code
@@ -117,11 +117,17 @@ bool OpenBrowser(const std::string& url) {
   const int rc = posix_spawn(&pid, "/bin/sh", &files, &attr, const_cast<char**>(argv), environ);
   posix_spawnattr_destroy(&attr);
   posix_spawn_file_actions_destroy(&files);
-  if (rc != 0) return false;
+  if (rc != 0) {
+    whyNot = std::string("cannot start /bin/sh: ") + std::strerror(rc);
+    return false;
+  }
   int status = 0;
   while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
   }
-  return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+  if (WIFEXITED(status) && WEXITSTATUS(status) == 0) return true;
+  whyNot = WIFEXITED(status) && WEXITSTATUS(status) == 127 ? "xdg-open is not installed"
+                                                           : "the shell that starts xdg-open failed";
+  return false;
 }
 
 void TuneAllocatorForService() {

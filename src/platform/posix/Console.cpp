@@ -53,6 +53,8 @@ class HiddenInput {
 
 }  // namespace
 
+void UseParentConsole() {}
+
 bool StdinIsTerminal() { return isatty(STDIN_FILENO) == 1; }
 
 std::shared_ptr<void> HideTyping() { return std::make_shared<HiddenInput>(); }

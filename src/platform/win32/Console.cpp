@@ -1,5 +1,8 @@
 #include "platform/Console.h"
 
+#include <io.h>
+
+#include <cstdio>
 #include <iostream>
 #include <memory>
 
@@ -40,7 +43,29 @@ class HiddenInput {
   bool hooked_ = false;
 };
 
+// A standard handle a parent already gave us (a file, a pipe, a console) is kept; a GUI program started
+// from a console gets none.
+bool Unset(DWORD which) {
+  HANDLE h = GetStdHandle(which);
+  return h == nullptr || h == INVALID_HANDLE_VALUE || GetFileType(h) == FILE_TYPE_UNKNOWN;
+}
+
+void Reopen(FILE* stream, DWORD which, const char* device, const char* mode) {
+  if (!std::freopen(device, mode, stream)) return;
+  SetStdHandle(which, reinterpret_cast<HANDLE>(_get_osfhandle(_fileno(stream))));
+}
+
 }  // namespace
+
+void UseParentConsole() {
+  const bool out = Unset(STD_OUTPUT_HANDLE);
+  const bool err = Unset(STD_ERROR_HANDLE);
+  const bool in = Unset(STD_INPUT_HANDLE);
+  if (!(out || err || in) || !AttachConsole(ATTACH_PARENT_PROCESS)) return;
+  if (out) Reopen(stdout, STD_OUTPUT_HANDLE, "CONOUT$", "w");
+  if (err) Reopen(stderr, STD_ERROR_HANDLE, "CONOUT$", "w");
+  if (in) Reopen(stdin, STD_INPUT_HANDLE, "CONIN$", "r");
+}
 
 bool StdinIsTerminal() {
   DWORD mode = 0;

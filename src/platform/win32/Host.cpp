@@ -109,11 +109,21 @@ std::filesystem::path UserDataFolder() {
   return std::filesystem::temp_directory_path() / "tavrel";
 }
 
-bool OpenBrowser(const std::string& url) {
+bool OpenBrowser(const std::string& url, std::string& whyNot) {
   // The same call the tray menu always made: Internet Explorer by name, the URL as its parameter.
   auto rc = reinterpret_cast<INT_PTR>(
       ShellExecuteA(nullptr, nullptr, "Iexplore", url.c_str(), nullptr, SW_SHOWNORMAL));
-  return rc > 32;
+  if (rc > 32) return true;
+  // The small codes ShellExecute gives back are the system's error numbers.
+  char text[256] = {};
+  FormatMessageA(FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr, static_cast<DWORD>(rc),
+                 0, text, sizeof text, nullptr);
+  std::string reason(text);
+  while (!reason.empty() && (reason.back() == '\n' || reason.back() == '\r' || reason.back() == ' '))
+    reason.pop_back();
+  whyNot =
+      "Iexplore could not be started, error " + std::to_string(rc) + (reason.empty() ? "" : ": " + reason);
+  return false;
 }
 
 // The Windows heap keeps freed blocks for reuse by itself.

@@ -14,6 +14,7 @@
 
 #include <asio/io_context.hpp>
 #include <asio/post.hpp>
+#include <asio/steady_timer.hpp>
 
 #include "platform/win32/TrayWindow.h"
 
@@ -30,6 +31,11 @@ constexpr UINT kIconFlags = NIF_MESSAGE | NIF_ICON | NIF_TIP;
 // Sent to the hidden window from the loop: show the menu; take the window down.
 constexpr UINT kPopupMessage = WM_APP + 1;
 constexpr UINT kCloseMessage = WM_APP + 2;
+
+// No notification area yet (Explorer still starting, or restarting): the icon is tried again this often,
+// for this long.
+constexpr auto kAddRetry = std::chrono::seconds(2);
+constexpr int kAddTries = 150;  // 5 minutes
 
 // The plain record (handle, id, flags, message, icon, 64-byte tip): every shell since Windows 95 takes it.
 constexpr DWORD kRecordSize = NOTIFYICONDATAA_V1_SIZE;
@@ -92,7 +98,11 @@ HICON MakeLedIcon(int size) {
 class Win32Tray final : public Tray {
  public:
   Win32Tray(asio::io_context& io, TrayOwner& owner, TrayConfig config)
-      : io_(io), link_(std::make_shared<Link>(Link{&owner})), weakLink_(link_), config_(std::move(config)) {}
+      : io_(io),
+        link_(std::make_shared<Link>(Link{&owner})),
+        weakLink_(link_),
+        config_(std::move(config)),
+        retry_(io) {}
 
   ~Win32Tray() override {
     link_.reset();
@@ -119,25 +129,21 @@ class Win32Tray final : public Tray {
     std::future<std::string> result = started.get_future();
     thread_ = std::thread([this, started = std::move(started)]() mutable { Run(started); });
     whyNot = result.get();
-    if (whyNot.empty() && !FindWindowA("Shell_TrayWnd", nullptr)) {
-      whyNot = "no notification area on this desktop (no taskbar)";
-    }
     return whyNot.empty();
   }
 
   bool SetTrayIcon(bool show) override {
+    added_ = show;
+    tries_ = 0;
+    retry_.cancel();
     if (!show) {
-      if (!added_) return true;
-      added_ = false;
+      if (!shown_) return true;
+      shown_ = false;
       NOTIFYICONDATAA data = Record(0);
       return Shell_NotifyIconA(NIM_DELETE, &data) != FALSE;
     }
-    NOTIFYICONDATAA data = Record(kIconFlags);
-    bool ok = Shell_NotifyIconA(added_ ? NIM_MODIFY : NIM_ADD, &data) != FALSE;
-    // An icon that never made it into the notification area cannot be modified: add it instead.
-    if (!ok && added_) ok = Shell_NotifyIconA(NIM_ADD, &data) != FALSE;
-    added_ = true;
-    return ok;
+    if (!Show()) RetryLater();
+    return shown_;
   }
 
   void PopupMenu() override { PostMessageA(hwnd_, kPopupMessage, 0, 0); }
@@ -155,6 +161,29 @@ class Win32Tray final : public Tray {
     data.hIcon = smallIcon_;
     std::strncpy(data.szTip, config_.Caption.c_str(), 63);  // 64 bytes with the closing zero
     return data;
+  }
+
+  // Adds or modifies the icon; an icon that never made it into the notification area cannot be modified,
+  // so that one is added instead.
+  bool Show() {
+    NOTIFYICONDATAA data = Record(kIconFlags);
+    bool ok = shown_ && Shell_NotifyIconA(NIM_MODIFY, &data) != FALSE;
+    if (!ok) ok = Shell_NotifyIconA(NIM_ADD, &data) != FALSE;
+    shown_ = ok;
+    return ok;
+  }
+
+  void RetryLater() {
+    if (++tries_ > kAddTries) {
+      if (auto link = link_)
+        link->owner->TrayReport("No notification area after 5 minutes: running without a tray icon");
+      return;
+    }
+    retry_.expires_after(kAddRetry);
+    retry_.async_wait([this](const std::error_code& ec) {
+      if (ec || !added_) return;
+      if (!Show()) RetryLater();
+    });
   }
 
   // Runs on the tray thread: the hidden window, its menu and its message loop.
@@ -234,12 +263,11 @@ class Win32Tray final : public Tray {
         return 0;
       default:
         if (msg == taskbarCreated_ && taskbarCreated_ != 0) {
-          // Explorer started again with an empty notification area: put the icon back.
+          // Explorer started (again) with an empty notification area: put the icon there.
           Post([](Win32Tray& tray, TrayOwner&) {
-            if (tray.added_) {
-              tray.added_ = false;
-              tray.SetTrayIcon(true);
-            }
+            if (!tray.added_) return;
+            tray.shown_ = false;
+            tray.SetTrayIcon(true);
           });
           return 0;
         }
@@ -284,7 +312,11 @@ class Win32Tray final : public Tray {
   DWORD threadId_ = 0;
   HWND hwnd_ = nullptr;
   HMENU menu_ = nullptr;
-  bool added_ = false;  // the loop's own: whether the icon should be in the notification area
+  // The loop's own: whether the icon should be in the notification area, and whether it is there.
+  bool added_ = false;
+  bool shown_ = false;
+  asio::steady_timer retry_;
+  int tries_ = 0;
 };
 
 }  // namespace
