@@ -36,8 +36,8 @@ class ComputerRegistry {
   enum class Learned { Learned, Refreshed, Unstorable, Full };
   enum class Renamed { Renamed, Unstorable, NotFound };
 
-  // One row of the page: every computer (mac empty without an ARP entry; lastSeen empty when never
-  // heard of), then every ARP entry not shown with a computer (not a computer: an empty name).
+  // One row of the page: every computer (mac empty without an ARP entry, no lastSeen when never heard
+  // of), then every ARP entry not shown with a computer (computer false, name empty).
   struct Row {
     std::string name, ip, mac;
     std::optional<std::string> lastSeen;
