@@ -7,7 +7,7 @@
 #include <benchmark/benchmark.h>
 
 #include "core/Clock.h"
-#include "core/ComputerTable.h"
+#include "settings/ComputerRegistry.h"
 #include "settings/Hs.h"
 #include "xap/XapGlobal.h"
 #include "xap/XapHandler.h"
@@ -46,7 +46,8 @@ struct World {
     std::filesystem::create_directories(home / "Config");
     xap.SetTransport(&send);
     // The sender is known already: no INI write on the measured path.
-    table.Computers.Add("pc7", KeyValuePair{"pc7", "198.51.100.7"});
+    ComputerRegistry::Edits edits;
+    computers.Rename("", "pc7", "198.51.100.7", edits);
   }
   ~World() { std::filesystem::remove_all(home); }
 
@@ -54,10 +55,10 @@ struct World {
   NullReporter reporter;
   CountingSend send;
   XapGlobal xap;
-  ComputerTable table;
   ManualClock clock{MakeDateTime(2026, 11, 22, 12, 0, 0)};
   Hs hs{home / "Config", reporter};
-  XapHandler handler{XapHandler::Context{table, hs, xap, send, reporter, clock,
+  ComputerRegistry computers{hs, clock};
+  XapHandler handler{XapHandler::Context{computers, hs, xap, send, reporter, clock,
                                          [](const std::string&, const std::string&) {}, "zel.WOL.host",
                                          "/usr/bin/tavrel"}};
 };

@@ -17,8 +17,8 @@
 #include <benchmark/benchmark.h>
 
 #include "core/Clock.h"
-#include "core/ComputerTable.h"
 #include "pages/RemoteASP.h"
+#include "settings/ComputerRegistry.h"
 #include "settings/Hs.h"
 
 namespace {
@@ -58,13 +58,20 @@ std::vector<Computer> MakeComputers(int count) {
 struct World {
   World(int count, bool iniHoldsTable) : computers(MakeComputers(count)) {
     fs::create_directories(home / "Config");
+    // Each computer named as the page names one, then heard of at its age; the ARP entries as one sweep.
+    ComputerRegistry::Edits edits;
+    std::vector<KeyValuePair> arp;
+    for (const Computer& c : computers) {
+      registry.Rename("", c.name, c.ip, edits);
+      clock.Set(now - std::chrono::seconds(c.age));
+      registry.Learn(c.name);
+      arp.push_back(KeyValuePair{c.ip, c.mac});
+    }
+    clock.Set(now);
+    registry.ReplaceArp({arp}, "");
+    // The settings file as measured, written over the one the sweep left.
     std::ofstream ini(home / "Config" / "tavrel.ini");
     ini << "[WOL]\nSort=Name\nSortDir=ASC\nSubnet=127.0.0\n";
-    for (const Computer& c : computers) {
-      table.Computers.Add(c.name, KeyValuePair{c.name, c.ip});
-      table.ARPTable.Add(c.ip, KeyValuePair{c.ip, c.mac});
-      table.LastSeen.Add(c.name, KeyValuePair{c.name, FormatDateTime(now - std::chrono::seconds(c.age))});
-    }
     if (iniHoldsTable) {
       ini << "[Computer]\n";
       for (const Computer& c : computers) ini << c.name << "=" << c.ip << "\n";
@@ -79,10 +86,10 @@ struct World {
   std::vector<Computer> computers;
   DateTime now = MakeDateTime(2026, 11, 22, 12, 0, 0);
   NullReporter reporter;
-  ComputerTable table;
   ManualClock clock{now};
   Hs hs{home / "Config", reporter};
-  RemoteASP page{PageContext{table, hs, clock, reporter, {}}};
+  ComputerRegistry registry{hs, clock};
+  RemoteASP page{PageContext{registry, hs, clock, reporter, {}}};
 };
 
 // ---- the reference

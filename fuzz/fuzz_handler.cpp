@@ -9,8 +9,8 @@
 #include <string>
 
 #include "core/Clock.h"
-#include "core/ComputerTable.h"
 #include "core/Reporter.h"
+#include "settings/ComputerRegistry.h"
 #include "settings/Hs.h"
 #include "xap/XapGlobal.h"
 #include "xap/XapHandler.h"
@@ -47,10 +47,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
   XapGlobal xap;
   xap.SetTransport(&send);
-  ComputerTable table;
-  table.Computers.Add("pc7", KeyValuePair{"pc7", "198.51.100.7"});
-  table.ARPTable.Add("198.51.100.7", KeyValuePair{"198.51.100.7", "00-11-22-33-44-55"});
-  XapHandler handler(XapHandler::Context{table, hs, xap, send, reporter, clock,
+  ComputerRegistry computers(hs, clock);
+  ComputerRegistry::Edits edits;
+  computers.Rename("", "pc7", "198.51.100.7", edits);
+  computers.ReplaceArp({{{"198.51.100.7", "00-11-22-33-44-55"}}}, "");
+  XapHandler handler(XapHandler::Context{computers, hs, xap, send, reporter, clock,
                                          [](const std::string&, const std::string&) {}, "zel.WOL.host1",
                                          "/opt/tavrel/tavrel"});
 
@@ -61,9 +62,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     handler.Handle("xap-header\n{\nv=12\nhop=1\nuid=FF123400\nsource=acme.controller.pc7\n" +
                    std::string(header) + "}\n" + input);
   }
-  if (table.Computers.Count() > 2) std::abort();
-  for (const auto& entry : table.Computers) {
-    const std::string& name = entry.value.Key;
+  if (computers.Count() > 2) std::abort();
+  for (const auto& row : computers.Rows()) {
+    if (!row.computer) continue;
+    const std::string& name = row.name;
     if (!IsStorableName(name) || name.find_first_of(".:ABCDEFGHIJKLMNOPQRSTUVWXYZ") != std::string::npos)
       std::abort();
   }

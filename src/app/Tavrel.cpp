@@ -45,7 +45,7 @@ bool Tavrel::form_load() {
   xapStarted_ = false;
   inMessage_ = false;
   try {
-    table_ = ComputerTable{};
+    computers_.Clear();
     startup_ = InitXap(home_, hs_, log_);
     httpPortSetting_ = hs_.GetINISetting("WOL", "HTTPPort", "8019", kIniFile);
     if (!StartXap()) return false;
@@ -53,7 +53,7 @@ bool Tavrel::form_load() {
     ShowTrayIcon();
     RegisterOwnAddress();
     lanScan_ = std::make_unique<LanScan>(
-        io_, timers_, table_, hs_, xapGlobal_, log_, [this] { return transport_->LocalIP(); }, home_);
+        io_, timers_, computers_, hs_, xapGlobal_, log_, [this] { return transport_->LocalIP(); }, home_);
     StartServer();
     return true;
   } catch (const std::exception& e) {
@@ -82,7 +82,7 @@ bool Tavrel::StartXap() {
   log_.ReportEvent(kModule, "Using xAP port " + std::to_string(port));
 
   handler_ = std::make_unique<XapHandler>(
-      XapHandler::Context{table_, hs_, xapGlobal_, *transport_, log_, clock_,
+      XapHandler::Context{computers_, hs_, xapGlobal_, *transport_, log_, clock_,
                           [this](const std::string& mac, const std::string& ip) { SendWOL(mac, ip, log_); },
                           XapSource(), startup_.ExecutablePath});
   return true;
@@ -98,7 +98,7 @@ void Tavrel::StartServer() {
   // A user with the framework's script pages switches them on with ScriptPages=1.
   scripts_ = std::make_unique<HTMLIncludes>(home_, hs_, log_);
   pages_ = std::make_unique<RemoteASP>(
-      PageContext{table_, hs_, clock_, log_,
+      PageContext{computers_, hs_, clock_, log_,
                   PageActions::ForLan(*lanScan_, xapGlobal_, log_, [this] { return transport_->LocalIP(); }),
                   scripts_.get(), hs_.GetINISetting("WOL", "ScriptPages", "0", kIniFile) == "1"});
   guard_ = std::make_unique<Guard>(Guard::Context{
@@ -122,45 +122,7 @@ void Tavrel::StartServer() {
 }
 
 void Tavrel::LoadIni() {
-  const std::string now = FormatDateTime(clock_.Now());
-  try {
-    const std::string& name = startup_.LocalComputerName;
-    table_.Computers[name] = KeyValuePair{name, transport_ ? transport_->LocalIP() : std::string()};
-    table_.LastSeen[name] = KeyValuePair{name, now};
-  } catch (const std::exception& e) {
-    log_.WriteLog(kModule, "LoadIni", Err::From(e));
-  }
-  ReadSection("Computer", true);
-  ReadSection("ARP", false);
-}
-
-// One INI section into the table: "Computer" lines name=IP, "ARP" lines IP=MAC. Entries already
-// present (this machine's) win over the file; lines with an empty name or a blank value are skipped.
-void Tavrel::ReadSection(const char* section, bool computers) {
-  const std::string now = FormatDateTime(clock_.Now());
-  std::vector<std::string> lines;
-  try {
-    lines = Split(hs_.GetINISection(section, kIniFile), std::string_view("\0", 1));
-  } catch (const std::exception& e) {
-    log_.WriteLog(kModule, "LoadIni", Err::From(e));
-    return;
-  }
-  for (const auto& line : lines) {
-    try {
-      auto parts = Split(line, "=");
-      if (parts.size() < 2) continue;
-      const std::string key = LCase(parts[0]);
-      if (key.empty() || Trim(parts[1]).empty()) continue;
-      if (computers) {
-        table_.Computers.Add(key, KeyValuePair{key, parts[1]});
-        table_.LastSeen.Add(key, KeyValuePair{key, now});
-      } else {
-        table_.ARPTable.Add(key, KeyValuePair{key, parts[1]});
-      }
-    } catch (const std::exception& e) {
-      log_.WriteLog(kModule, "LoadIni", Err::From(e));
-    }
-  }
+  computers_.Load(startup_.LocalComputerName, transport_ ? transport_->LocalIP() : std::string(), log_);
 }
 
 std::vector<platform::TrayMenuEntry> Tavrel::MenuEntries() {
@@ -204,9 +166,7 @@ void Tavrel::TrayReport(const std::string& text) { log_.WriteLog(kModule, text);
 void Tavrel::RegisterOwnAddress() {
   const std::string mac = platform::LocalMac();
   const std::string ip = transport_->LocalIP();
-  table_.ARPTable.Remove(ip);
-  table_.ARPTable.Add(ip, KeyValuePair{ip, mac});
-  hs_.SaveIniSetting("ARP", ip, mac, kIniFile);
+  computers_.SetOwnAddress(ip, mac);
 }
 
 void Tavrel::onMessage() {

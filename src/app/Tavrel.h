@@ -9,9 +9,9 @@
 
 #include "app/Log.h"
 #include "core/Clock.h"
-#include "core/ComputerTable.h"
 #include "core/Timer.h"
 #include "platform/Tray.h"
+#include "settings/ComputerRegistry.h"
 #include "settings/Hs.h"
 #include "xap/XapGlobal.h"
 #include "xap/XapStartup.h"
@@ -62,7 +62,7 @@ class Tavrel final : public platform::TrayOwner {
   bool XapStarted() const { return xapStarted_; }
   const std::string& LocalComputerName() const { return startup_.LocalComputerName; }
   const std::string& HTTPPortSetting() const { return httpPortSetting_; }
-  ComputerTable& Table() { return table_; }
+  ComputerRegistry& Computers() { return computers_; }
   Hs& Settings() { return hs_; }
   Log& Reports() { return log_; }
   XapTransport* Transport() { return transport_.get(); }
@@ -85,7 +85,6 @@ class Tavrel final : public platform::TrayOwner {
   void RegisterOwnAddress();
   void StartServer();
   void TakeDown();
-  void ReadSection(const char* section, bool computers);
 
   asio::io_context& io_;
   std::filesystem::path home_;
@@ -96,7 +95,7 @@ class Tavrel final : public platform::TrayOwner {
   XapGlobal xapGlobal_;
   Log log_;
   Hs hs_;
-  ComputerTable table_;
+  ComputerRegistry computers_{hs_, clock_};
   XapStartup startup_;
   std::string httpPortSetting_ = "8019";
   std::unique_ptr<XapTransport> transport_;

@@ -89,9 +89,10 @@ BatchFiles MakeBatchFiles(int i, const std::string& subnet, const std::string& t
 
 std::string BatchTempFolder(const std::string& home) { return home.substr(0, 3) + "Temp"; }
 
-LanScan::LanScan(asio::io_context& io, TimerFactory& timers, ComputerTable& table, Hs& hs, XapGlobal& xap,
-                 Reporter& reporter, std::function<std::string()> localIP, fs::path home, CommandShell shell)
-    : table_(table),
+LanScan::LanScan(asio::io_context& io, TimerFactory& timers, ComputerRegistry& computers, Hs& hs,
+                 XapGlobal& xap, Reporter& reporter, std::function<std::string()> localIP, fs::path home,
+                 CommandShell shell)
+    : computers_(computers),
       hs_(hs),
       xap_(xap),
       reporter_(reporter),
@@ -272,20 +273,13 @@ void LanScan::ReadLogs(const fs::path& folder) {
   } catch (const std::exception& e) {
     reporter_.WriteLog(kModule, kTimerLabel, Err::From(e));
   }
-  // Every subnet read starts from an empty table (the settings keep them all); only this machine's own
-  // entry survives.
-  std::optional<KeyValuePair> own;
-  std::vector<KeyValuePair> arp;
+  std::vector<std::vector<KeyValuePair>> sweep;
   for (const ListedSubnet& listed : subnets) {
     DisableTimer();
-    if (const KeyValuePair* entry = table_.ARPTable.Find(ownIp)) own = *entry;
-    table_.ARPTable.RemoveAll();
-    ReadLog(folder / ScanFile("p", listed.Number, ".log"), arp);
+    ReadLog(folder / ScanFile("p", listed.Number, ".log"), sweep.emplace_back());
   }
-  if (own && !table_.ARPTable.Exists(ownIp)) table_.ARPTable.Add(ownIp, *own);
-  // One save for the whole sweep, giving the file that a save per address would.
   try {
-    hs_.SaveIniSettings("ARP", arp, kIniFile);
+    computers_.ReplaceArp(sweep, ownIp);
   } catch (const std::exception& e) {
     reporter_.WriteLog(kModule, kTimerLabel, Err::From(e));
   }
@@ -318,11 +312,7 @@ void LanScan::AddArpLine(const std::string& line, std::vector<KeyValuePair>& arp
     reporter_.WriteLog(kModule, kTimerLabel, kShortArpLine);
     return;
   }
-  const std::string& ip = words[0];
-  if (table_.ARPTable.Exists(ip)) return;
-  std::string mac = UCase(words[1]);
-  table_.ARPTable.Add(ip, KeyValuePair{ip, mac});
-  arp.push_back(KeyValuePair{ip, std::move(mac)});
+  arp.push_back(KeyValuePair{words[0], UCase(words[1])});
 }
 
 void LanScan::WatchProcess(platform::Process process) { watched_ = std::move(process); }

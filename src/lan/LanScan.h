@@ -10,12 +10,12 @@
 
 #include <asio/io_context.hpp>
 
-#include "core/ComputerTable.h"
 #include "core/Reporter.h"
 #include "core/Timer.h"
 #include "lan/NativeSweep.h"
 #include "lan/Subnet.h"
 #include "platform/Process.h"
+#include "settings/ComputerRegistry.h"
 #include "settings/Hs.h"
 #include "xap/XapGlobal.h"
 
@@ -39,11 +39,11 @@ struct CommandShell {
 };
 
 // The LAN scan: sends the presence query, sweeps every configured subnet (through batch files under
-// CMD.EXE, or the native sweep) and, once the sweep is over, reads the "p<i>.log" files into ARPTable and
-// section "ARP" of the settings. All of it runs on the io_context and never blocks it.
+// CMD.EXE, or the native sweep) and, once the sweep is over, hands the "p<i>.log" files to the computer
+// registry, which replaces its ARP entries. All of it runs on the io_context and never blocks it.
 class LanScan {
  public:
-  LanScan(asio::io_context& io, TimerFactory& timers, ComputerTable& table, Hs& hs, XapGlobal& xap,
+  LanScan(asio::io_context& io, TimerFactory& timers, ComputerRegistry& computers, Hs& hs, XapGlobal& xap,
           Reporter& reporter, std::function<std::string()> localIP, std::filesystem::path home,
           CommandShell shell = {});
   ~LanScan();
@@ -80,14 +80,14 @@ class LanScan {
   void StartNativeSweep(const std::vector<ListedSubnet>& subnets);
   void OnSweepDone(const std::vector<size_t>& numbers, const std::vector<std::vector<ArpEntry>>& results);
   void ReadLogs(const std::filesystem::path& folder);
-  // Both add what they read to ARPTable and, as IP and MAC pairs, to arp, for one save per sweep.
+  // Both add the IP and MAC pairs they read to arp.
   void ReadLog(const std::filesystem::path& file, std::vector<KeyValuePair>& arp);
   void AddArpLine(const std::string& line, std::vector<KeyValuePair>& arp);
 
   void EnableTimer();
   void DisableTimer();
 
-  ComputerTable& table_;
+  ComputerRegistry& computers_;
   Hs& hs_;
   XapGlobal& xap_;
   Reporter& reporter_;

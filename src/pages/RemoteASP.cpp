@@ -4,7 +4,6 @@
 #include <array>
 #include <limits>
 #include <stdexcept>
-#include <unordered_set>
 #include <utility>
 
 #include "Version.h"
@@ -227,34 +226,23 @@ void RemoteASP::UpdateDisplay(FastString& page) {
   try {
     const std::string column = Setting("Sort", "Name");
     const bool ipSort = column == "IP";
-    const ComputerTable& table = ctx_.table;
     const DateTime now = ctx_.clock.Now();
     rows_.emplace();
-    std::string shown;
-    std::unordered_set<std::string_view> shownAddresses;
-    for (const auto& [key, computer] : table.Computers) {
-      std::string mac;
-      if (const KeyValuePair* arp = computer.Value.empty() ? nullptr : table.ARPTable.Find(computer.Value)) {
-        mac = arp->Value;
-        shown += computer.Value + ";";
-        shownAddresses.insert(computer.Value);
+    for (ComputerRegistry::Row& computer : ctx_.computers.Rows()) {
+      if (!computer.computer) {
+        AddRow("", std::move(computer.ip), std::move(computer.mac), ipSort);
+        continue;
       }
       std::string colour = "yellow";
       DateTime seen = now;
-      if (const KeyValuePair* last = table.LastSeen.Find(computer.Key)) {
-        if (!ParseDateTime(last->Value, seen)) throw RunTimeError(13, "Type mismatch");
+      if (computer.lastSeen) {
+        if (!ParseDateTime(*computer.lastSeen, seen)) throw RunTimeError(13, "Type mismatch");
         colour = DateDiffMinutes(seen, now) > 15 ? "Red" : "Green";
       }
       const long long age = std::clamp<long long>((now - seen).count(), std::numeric_limits<int32_t>::min(),
                                                   std::numeric_limits<int32_t>::max());
-      AddRow(computer.Key, computer.Value, std::move(mac), ipSort).Online =
+      AddRow(std::move(computer.name), std::move(computer.ip), std::move(computer.mac), ipSort).Online =
           "<img src='\\led-" + colour + ".gif'>&nbsp;" + FormatAge(static_cast<int32_t>(age));
-    }
-    for (const auto& [ip, arp] : table.ARPTable) {
-      // A plain substring test: an address that begins a shown one counts as shown. An address shown
-      // whole needs no search through the list, which keeps a large table from costing its square.
-      if (!shownAddresses.contains(ip) && shown.find(ip) == std::string::npos)
-        AddRow("", ip, arp.Value, ipSort);
     }
     SortRows();
 
@@ -341,7 +329,7 @@ void RemoteASP::AcceptRemoteChanges() {
     ctx_.reporter.ReportEvent(kModule, "AcceptRemoteChanges", ErrOf(e));
     // What was changed before the failure is in memory, so it goes to the file too; the sections
     // emptied of removed entries are not rewritten.
-    changes.arpChanged = changes.computersChanged = false;
+    ComputerRegistry::KeepNewLinesOnly(changes.computers);
   }
   SaveChanges(changes);
 }
@@ -400,7 +388,6 @@ std::string RemoteASP::StoreSubnets(const std::string& subnets) {
 
 void RemoteASP::ActOnRow(const Row& row, bool save, Changes& changes) {
   const std::string& k = row.Key;
-  ComputerTable& table = ctx_.table;
   if (!save) {
     if (!Form("Shutdown" + k).empty() && ctx_.actions.SendComputerControl) {
       ctx_.actions.SendComputerControl(row.Name, "Shutdown");
@@ -415,48 +402,28 @@ void RemoteASP::ActOnRow(const Row& row, bool save, Changes& changes) {
   const std::string newName = UCase(Form("Name" + k));
   const bool renamed = newName != UCase(row.Name);
   // A name the settings file could not give back unchanged is refused, and the page says so.
-  if (renamed && !newName.empty() && !IsStorableName(newName)) {
-    notices_.push_back(
-        HtmlEscape("Not renamed: \"" + newName +
-                   "\" cannot be stored as a computer name (1 to 63 characters; no control "
-                   "characters, \"=\" or \"~\"; no \";\" or \"[\" first; no blank at either end)."));
-  } else if (renamed) {
-    if (!row.Name.empty() && !table.Computers.Remove(row.Name))
-      throw RunTimeError(32811, "Element not found");
-    if (!newName.empty() && !row.IP.empty()) {
-      if (KeyValuePair* entry = table.Computers.Find(newName)) {
-        entry->Value = row.IP;
-      } else {
-        table.Computers.Add(newName, KeyValuePair{newName, row.IP});
-      }
-      changes.renamed.push_back(KeyValuePair{newName, row.IP});
+  if (renamed) {
+    switch (ctx_.computers.Rename(row.Name, newName, row.IP, changes.computers)) {
+      case ComputerRegistry::Renamed::Unstorable:
+        notices_.push_back(
+            HtmlEscape("Not renamed: \"" + newName +
+                       "\" cannot be stored as a computer name (1 to 63 characters; no control "
+                       "characters, \"=\" or \"~\"; no \";\" or \"[\" first; no blank at either end)."));
+        break;
+      case ComputerRegistry::Renamed::NotFound:
+        throw RunTimeError(32811, "Element not found");
+      case ComputerRegistry::Renamed::Renamed:
+        break;
     }
   }
-  if (!Form("R" + k).empty()) {
-    if (!row.IP.empty() && table.ARPTable.Remove(row.IP)) changes.arpChanged = true;
-    if (!newName.empty()) {
-      if (table.Computers.Remove(newName)) changes.computersChanged = true;
-      table.LastSeen.Remove(newName);
-    }
-  }
+  if (!Form("R" + k).empty()) ctx_.computers.Remove(newName, row.IP, changes.computers);
 }
 
 void RemoteASP::SaveChanges(const Changes& changes) {
-  auto rewrite = [](IniTool& ini, const OrderedDict<KeyValuePair>& table, std::string_view section) {
-    std::vector<KeyValuePair> pairs;
-    pairs.reserve(table.Count());
-    for (const auto& [key, entry] : table) pairs.push_back(KeyValuePair{key, entry.Value});
-    // As the file would read back after each earlier write.
-    ini.LoadText(ini.ToText());
-    ini.RemoveSection(section);
-    ini.WriteKeysAsRounds(section, pairs);
-  };
   try {
     ctx_.hs.EditIni(kIniFile, [&](IniTool& ini) {
       ini.WriteKeysAsRounds(kWol, changes.wol);
-      ini.WriteKeysAsRounds("Computer", changes.renamed);
-      if (changes.arpChanged) rewrite(ini, ctx_.table.ARPTable, "ARP");
-      if (changes.computersChanged) rewrite(ini, ctx_.table.Computers, "Computer");
+      ctx_.computers.WriteEdits(ini, changes.computers);
     });
   } catch (const std::exception& e) {
     ctx_.reporter.ReportEvent(kModule, "AcceptRemoteChanges", ErrOf(e));

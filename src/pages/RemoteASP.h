@@ -8,13 +8,13 @@
 #include <vector>
 
 #include "core/Clock.h"
-#include "core/ComputerTable.h"
 #include "core/FastString.h"
 #include "core/Reporter.h"
 #include "http/Request.h"
 #include "http/Response.h"
 #include "http/TCPServerModule.h"
 #include "pages/HTMLIncludes.h"
+#include "settings/ComputerRegistry.h"
 #include "settings/Hs.h"
 
 namespace tavrel {
@@ -39,7 +39,7 @@ struct PageActions {
 };
 
 struct PageContext {
-  ComputerTable& table;
+  ComputerRegistry& computers;
   Hs& hs;
   const Clock& clock;
   Reporter& reporter;
@@ -73,10 +73,8 @@ class RemoteASP : public PageHandler {
   void AcceptRemoteChanges();
   // What one post changes in the settings file, written at its end in one go.
   struct Changes {
-    std::vector<KeyValuePair> wol;      // settings of section "WOL", in the order they were made
-    std::vector<KeyValuePair> renamed;  // new lines of section "Computer"
-    bool arpChanged = false;            // sections emptied of removed entries, rewritten whole
-    bool computersChanged = false;
+    std::vector<KeyValuePair> wol;  // settings of section "WOL", in the order they were made
+    ComputerRegistry::Edits computers;
   };
   void SaveChanges(const Changes& changes);
 

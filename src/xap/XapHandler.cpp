@@ -67,26 +67,18 @@ void XapHandler::LearnSender(const std::string& text, size_t& i, size_t& j) {
   address = std::string(Before(address, ":"));
   std::string name = NameAfterLastDot(address);
   if (name.empty()) return;  // no instance named: nothing to learn
-  if (!IsStorableName(name)) {
-    NoteSkipped(unstorableNames_);
-    return;
-  }
-
-  ComputerTable& table = ctx_.table;
-  if (!table.Computers.Exists(name)) {
-    if (table.Computers.Count() >= kMaxLearnedComputers) {
+  switch (ctx_.computers.Learn(name)) {
+    case ComputerRegistry::Learned::Learned:
+      ctx_.xap.SendXap("*.*." + name, "Computer.Process", "Computer.Query", XapBody({{"Query", "All"}}));
+      break;
+    case ComputerRegistry::Learned::Unstorable:
+      NoteSkipped(unstorableNames_);
+      break;
+    case ComputerRegistry::Learned::Full:
       NoteSkipped(pastLimit_);
-      return;
-    }
-    table.Computers.Add(name, KeyValuePair{name, ""});
-    ctx_.hs.SaveIniSetting("Computer", name, "", kIniFile);
-    ctx_.xap.SendXap("*.*." + name, "Computer.Process", "Computer.Query", XapBody({{"Query", "All"}}));
-  }
-  std::string now = FormatDateTime(ctx_.clock.Now());
-  if (KeyValuePair* seen = table.LastSeen.Find(name)) {
-    seen->Value = now;
-  } else {
-    table.LastSeen.Add(name, KeyValuePair{name, now});
+      break;
+    case ComputerRegistry::Learned::Refreshed:
+      break;
   }
 }
 
@@ -110,10 +102,9 @@ void XapHandler::HandleRole(const XapMessage& msg) {
 }
 
 void XapHandler::HandleComputerProcess(const XapMessage& msg) {
-  const ComputerTable& table = ctx_.table;
   std::string name = NameAfterLastDot(msg.msgTarget);
-  const KeyValuePair* computer = name.empty() ? nullptr : table.Computers.Find(name);
-  const KeyValuePair* arp = computer == nullptr ? nullptr : table.ARPTable.Find(computer->Value);
+  const KeyValuePair* computer = name.empty() ? nullptr : ctx_.computers.FindByName(name);
+  const KeyValuePair* arp = computer == nullptr ? nullptr : ctx_.computers.FindByIP(computer->Value);
 
   if (LCase(msg.GetItem("Computer.Control", "Action")) == "wol") {
     if (arp != nullptr && ctx_.sendWol) ctx_.sendWol(arp->Value, computer->Value);

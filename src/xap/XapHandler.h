@@ -8,8 +8,8 @@
 #include <utility>
 
 #include "core/Clock.h"
-#include "core/ComputerTable.h"
 #include "core/Reporter.h"
+#include "settings/ComputerRegistry.h"
 #include "settings/Hs.h"
 #include "xap/XapGlobal.h"
 
@@ -17,14 +17,14 @@ namespace tavrel {
 
 class XapMessage;
 
-// Handles one received xAP message text: learns the sending computer into the computer table, then
+// Handles one received xAP message text: hands the sending computer to the computer registry, then
 // answers role discovery, computer control and query, the echo test and the daily times.
 // Everything it reads and changes is handed in through the context; its own state is only the count of
 // senders it declined to learn, which it reports at most once a minute.
 class XapHandler {
  public:
   struct Context {
-    ComputerTable& table;
+    ComputerRegistry& computers;
     Hs& hs;
     XapGlobal& xap;
     // The transport's own send operation: the role notification goes out through it directly.

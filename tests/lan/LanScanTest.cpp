@@ -38,10 +38,10 @@ class LanScanTest : public ::testing::Test {
   std::string IniArp(const std::string& ip) const { return hs.GetINISetting("ARP", ip, "", kIniFile); }
   fs::path LogFile(int i) const { return home.Path() / "Temp" / ("p" + std::to_string(i) + ".log"); }
   void WriteLog(int i, const std::string& text) const { test::WriteFile(LogFile(i), text); }
-  // The table as "ip=mac" texts, in its order.
+  // The registry's ARP entries as "ip=mac" texts, in their order (it holds no computers here).
   Texts Arp() const {
     Texts pairs;
-    for (const auto& e : table.ARPTable) pairs.push_back(e.value.Key + "=" + e.value.Value);
+    for (const auto& row : computers.Rows()) pairs.push_back(row.ip + "=" + row.mac);
     return pairs;
   }
   // True when the loop runs out of work and no timer is left armed.
@@ -55,11 +55,12 @@ class LanScanTest : public ::testing::Test {
   test::RecordingReporter reporter;
   Hs hs{home.Path() / "Config", reporter};
   XapGlobal xap;
-  ComputerTable table;
+  ManualClock clock{MakeDateTime(2026, 11, 22, 8, 0, 0)};
+  ComputerRegistry computers{hs, clock};
   asio::io_context io;
   std::string localIp = "198.51.100.20";
   test::ManualTimers timers;
-  LanScan scan{io, timers, table, hs, xap, reporter, [this] { return localIp; }, home.Path()};
+  LanScan scan{io, timers, computers, hs, xap, reporter, [this] { return localIp; }, home.Path()};
 };
 
 // The batch files are the whole contract with CMD.EXE, so their text is checked on every platform.
@@ -72,26 +73,20 @@ TEST(BatchFilesTest, NumberedByListPositionWithCrLfInTheTempFolderOfTheHomeDrive
   EXPECT_EQ(BatchTempFolder("C:\\Program Files\\tavrel"), "C:\\Temp");
 }
 
-// The log reader: "dynamic" lines only (case matters), first MAC wins, upper case, one settings key per
-// address (replacing an older one), all in one save; a "dynamic" line without a MAC is logged and skipped.
-// Each subnet's log starts from an empty table but for this machine's own entry; the settings keep all; a
-// missing log is skipped.
-TEST_F(LanScanTest, ReaderTakesDynamicLinesAndEachSubnetClearsTheTableButTheSettingsKeepAll) {
+// The log reader: "dynamic" lines only (case matters), MACs in upper case, a "dynamic" line without a MAC
+// logged and skipped; one log per subnet of the list (a missing one is empty) goes to the registry, with
+// this machine's address.
+TEST_F(LanScanTest, ReaderHandsTheDynamicLinesOfEachSubnetToTheRegistry) {
   SetWol("Subnet", "198.51.100,192.0.2,203.0.113");
-  hs.SaveIniSetting("ARP", "198.51.100.9", "OLD", kIniFile);
-  table.ARPTable.Add(localIp, KeyValuePair{localIp, "02-00-00-00-00-14"});
-  table.ARPTable.Add("198.51.100.99", KeyValuePair{"198.51.100.99", "02-00-00-00-00-99"});
+  computers.SetOwnAddress(localIp, "02-00-00-00-00-14");
   WriteLog(0,
            "  198.51.100.7           00-11-22-33-44-55     dynamic\r\n"
            "  198.51.100.9          02-aa-bb-cc-dd-09     dynamic   \r\n"
            "  dynamic\r\n"
-           "  198.51.100.7           02-aa-bb-cc-dd-99     dynamic\r\n"
            "  198.51.100.30         02-aa-bb-cc-dd-30     Dynamic\r\n"
            "198.51.100.11 02-Aa-bB-cc-dd-11 dynamic extra words\n");
   WriteLog(2, "  203.0.113.5           02-aa-bb-cc-ee-05     dynamic\r\n");
-  const std::string before = test::ReadFile(hs.FilePath(kIniFile));
   scan.ARPTimer_Timer();
-  EXPECT_EQ(test::ReadFile(hs.FilePath(kIniFile).string() + "_bck"), before);
   EXPECT_EQ(Arp(), (Texts{"203.0.113.5=02-AA-BB-CC-EE-05", "198.51.100.20=02-00-00-00-00-14"}));
   EXPECT_EQ(IniArp("198.51.100.7") + " " + IniArp("198.51.100.9") + " " + IniArp("198.51.100.11"),
             "00-11-22-33-44-55 02-AA-BB-CC-DD-09 02-AA-BB-CC-DD-11");
@@ -108,7 +103,7 @@ TEST_F(LanScanTest, EmptySubnetSettingReadsTheLocalSubnetOnly) {
   scan.ARPTimer_Timer();
   EXPECT_EQ(Arp(), Texts{"198.51.100.7=02-AA-BB-CC-DD-07"});
   localIp = "localhost";
-  table.ARPTable.RemoveAll();
+  computers.Clear();
   scan.BuildARPTable();
   EXPECT_EQ(reporter.Take(), Texts{"event|tavrel|BuildARPTable|5|Invalid procedure call or argument"});
   EXPECT_TRUE(!scan.ProcessExists() && scan.ARPTimerEnabled());
@@ -164,7 +159,7 @@ class BatchSweepTest : public LanScanTest {
   }
   std::unique_ptr<LanScan> Scan(bool cmdThere) {
     return std::make_unique<LanScan>(
-        io, timers, table, hs, xap, reporter, [this] { return localIp; }, "hm/home",
+        io, timers, computers, hs, xap, reporter, [this] { return localIp; }, "hm/home",
         CommandShell{cmdThere, [this](const std::string& line) { return Start(line); }});
   }
 

@@ -49,12 +49,19 @@ class PageTest : public ::testing::Test {
     actions.QueryLAN = [this] { calls.push_back("QueryLAN"); };
     actions.ProcessExists = [this] { return scanning; };
     actions.LocalIP = [] { return std::string("198.51.100.20"); };
-    page = std::make_unique<RemoteASP>(PageContext{table, hs, clock, reporter, actions});
+    page = std::make_unique<RemoteASP>(PageContext{computers, hs, clock, reporter, actions});
   }
 
+  // A computer as the page names it, heard of at seen (never when empty).
   void AddComputer(const std::string& name, const std::string& ip, const std::string& seen = "") {
-    table.Computers.Add(name, {name, ip});
-    if (!seen.empty()) table.LastSeen.Add(name, {name, seen});
+    ComputerRegistry::Edits edits;
+    computers.Rename("", name, ip, edits);
+    DateTime at;
+    if (!ParseDateTime(seen, at)) return;
+    const DateTime now = clock.Now();
+    clock.Set(at);
+    computers.Learn(name);
+    clock.Set(now);
   }
   std::string Serve(const std::string& text, const std::string& agent = "Mozilla/5.0") {
     Request request;
@@ -83,8 +90,8 @@ class PageTest : public ::testing::Test {
   test::TempDir home;
   test::RecordingReporter reporter;
   Hs hs{home.Path() / "Config", reporter};
-  ComputerTable table;
   ManualClock clock{MakeDateTime(2026, 11, 22, 10, 30, 0)};
+  ComputerRegistry computers{hs, clock};
   NullSink sink;
   Lines calls;
   bool scanning = false;
@@ -112,16 +119,17 @@ TEST_F(PageTest, WholePagesAreByteExact) {
   AddComputer("Jo's <PC>", "198.51.100.11", "2026-11-22 10:14:59");
   AddComputer("nas", "198.51.100.12");
   AddComputer("old", "198.51.100.13", "2026-11-20 09:29:59");
-  table.ARPTable.Add("198.51.100.10", {"198.51.100.10", "00-11-22-33-44-55"});
-  table.ARPTable.Add("198.51.100.1", {"198.51.100.1", "00-11-22-33-44-01"});
-  table.ARPTable.Add("203.0.113.7", {"203.0.113.7", "AA-BB-CC-DD-EE-FF"});
+  computers.ReplaceArp({{{"198.51.100.10", "00-11-22-33-44-55"},
+                         {"198.51.100.1", "00-11-22-33-44-01"},
+                         {"203.0.113.7", "AA-BB-CC-DD-EE-FF"}}},
+                       "");
   EXPECT_EQ(Get(), Golden("table.html"));
 
   hs.SaveIniSetting("WOL", "Sort", "IP", kIniFile);
   hs.SaveIniSetting("WOL", "SortDir", "DESC", kIniFile);
   hs.SaveIniSetting("WOL", "Subnet", "198.51.100,203.0.113", kIniFile);
-  table.Computers.RemoveAll();
-  AddComputer("pc1", "198.51.100.10", "2026-11-22 10:29:01");
+  ComputerRegistry::Edits edits;
+  for (const char* name : {"Jo's <PC>", "nas", "old"}) computers.Rename(name, "", "", edits);
   scanning = true;
   EXPECT_EQ(Get("Mozilla/4.0 (QNX)"), Golden("touch.html"));
   EXPECT_TRUE(page->TouchscreenClient());
@@ -185,7 +193,7 @@ TEST_F(PageTest, SubnetsAreStoredByEveryPostAndSortClicksDoNothingElse) {
                          "&quot;10.0.0.0/16&quot;."),
             std::string::npos);
   EXPECT_EQ(Ini("WOL", "Subnet"), "198.51.100");
-  EXPECT_EQ(table.Computers.Keys(), Lines{"pc1"});
+  EXPECT_EQ(computers.Count(), 1u);
   EXPECT_TRUE(calls.empty());
   Post("subnet=198.51.100&QueryLAN=Query+LAN&WOL0=WOL");
   EXPECT_EQ(calls, Lines{"QueryLAN"});
@@ -195,52 +203,37 @@ TEST_F(PageTest, SubnetsAreStoredByEveryPostAndSortClicksDoNothingElse) {
 TEST_F(PageTest, RowActionsActRowByRowInTheShownOrderAndSaveWakesNothing) {
   AddComputer("pc1", "198.51.100.10", "2026-11-22 10:29:00");
   AddComputer("nas", "198.51.100.12");
-  table.ARPTable.Add("198.51.100.10", {"198.51.100.10", "00-11-22-33-44-55"});
-  table.ARPTable.Add("203.0.113.7", {"203.0.113.7", "AA-BB-CC-DD-EE-FF"});
+  computers.ReplaceArp({{{"198.51.100.10", "00-11-22-33-44-55"}, {"203.0.113.7", "AA-BB-CC-DD-EE-FF"}}}, "");
   Get();  // keys: pc1 0, nas 1, the ARP-only row 2; shown by name: 2, 1, 0
   Post("subnet=&WOL0=WOL&Reboot1=Reboot&Shutdown0=Shutdown&WOL2=WOL&R0=1");
   Post("subnet=&Save=Save&WOL0=WOL&Name0=pc1&Name1=nas&Name2=");
   EXPECT_EQ(calls, (Lines{"WOL AA-BB-CC-DD-EE-FF 203.0.113.7", "Reboot nas", "Shutdown pc1",
                           "WOL 00-11-22-33-44-55 198.51.100.10"}));
-  EXPECT_EQ(table.Computers.Count() + table.ARPTable.Count(), 4u);
+  EXPECT_EQ(computers.Rows().size(), 3u);
   EXPECT_TRUE(reporter.calls.empty());
 }
 
-// Names the settings file could not give back are refused with a word on the page; others are stored
-// and shown escaped.
-TEST_F(PageTest, RenamesTakeOnlyStorableNames) {
-  const std::string tooLong(64, 'a');
-  for (const std::string name : {"%5Bevil", "pc~1", "+pc", "a\tb", tooLong.c_str(), "<b>x"}) {
-    table = ComputerTable{};
-    AddComputer("pc1", "198.51.100.10");
-    Get();
-    const std::string html = Post("subnet=&Save=Save&Name0=" + name);
-    const bool stored = name == "<b>x";
-    EXPECT_EQ(table.Computers.Keys(), Lines{stored ? "<B>X" : "pc1"}) << name;
-    EXPECT_EQ(html.find("cannot be stored as a computer name") == std::string::npos, stored) << name;
-    EXPECT_EQ(FindNoCase(html, "<b>x"), std::string::npos) << name;
-    EXPECT_EQ(html.find("value='&lt;B&gt;X'") != std::string::npos, stored) << name;
-  }
-  EXPECT_EQ(hs.GetINISection("Computer", kIniFile), "<B>X=198.51.100.10");
-}
-
-// The names come back from the browser percent-encoded whole; a Save with a rename and a removal
-// writes the settings file once.
-TEST_F(PageTest, SaveKeepsNamesTheBrowserEncodesAndWritesTheFileOnce) {
+// The names come back from the browser percent-encoded whole; a Save with renames and a removal writes
+// the settings file once. A name the registry refuses gets a word on the page; a stored one is shown
+// escaped.
+TEST_F(PageTest, SaveKeepsNamesTheBrowserEncodesNamesRefusalsAndWritesTheFileOnce) {
   AddComputer("JO'S PC", "198.51.100.10");
   AddComputer("A&B (1)/X@Y\xe9", "198.51.100.11");
   AddComputer("PC3", "198.51.100.12");
-  table.ARPTable.Add("198.51.100.11", {"198.51.100.11", "00-11-22-33-44-11"});
+  AddComputer("PC4", "198.51.100.13");
   const std::string before =
-      "[ARP]\r\n198.51.100.11=00-11-22-33-44-11\r\n[Computer]\r\nJO'S PC=198.51.100.10\r\n"
-      "A&B (1)/X@Y\xe9=198.51.100.11\r\nPC3=198.51.100.12\r\n";
+      "[Computer]\r\nJO'S PC=198.51.100.10\r\nA&B (1)/X@Y\xe9=198.51.100.11\r\n"
+      "PC3=198.51.100.12\r\nPC4=198.51.100.13\r\n";
   test::WriteFile(hs.FilePath(kIniFile), before);
   Get();
-  Post("subnet=&Save=Save&Name0=JO%27S+PC&Name1=a%26b+%281%29%2Fx%40y%E9&R1=1&Name2=office");
-  EXPECT_EQ(table.Computers.Keys(), (Lines{"JO'S PC", "OFFICE"}));
-  EXPECT_EQ(hs.GetINISection("ARP", kIniFile), "=");
+  const std::string html =
+      Post("subnet=&Save=Save&Name0=JO%27S+PC&Name1=a%26b+%281%29%2Fx%40y%E9&R1=1&Name2=%3Cb%3Ex&Name3=pc~1");
+  EXPECT_NE(html.find("Not renamed: &quot;PC~1&quot; cannot be stored as a computer name"),
+            std::string::npos);
+  EXPECT_EQ(FindNoCase(html, "<b>x"), std::string::npos);
+  EXPECT_NE(html.find("value='&lt;B&gt;X'"), std::string::npos);
   EXPECT_EQ(hs.GetINISection("Computer", kIniFile),
-            std::string("JO'S PC=198.51.100.10\0OFFICE=198.51.100.12", 42));
+            std::string("<B>X=198.51.100.12\0JO'S PC=198.51.100.10\0PC4=198.51.100.13", 58));
   EXPECT_EQ(test::ReadFile(hs.FilePath(kIniFile).string() + "_bck"), before);
 }
 
@@ -250,7 +243,8 @@ TEST_F(PageTest, FailedActionsAreReportedAndThePageStillServed) {
   AddComputer("pc1", "198.51.100.10");
   EXPECT_NE(Post("subnet=&Save=Save&Name0=pc2"), "");
   Get();
-  table.Computers.Remove("pc1");
+  ComputerRegistry::Edits edits;
+  computers.Remove("pc1", "", edits);
   Post("subnet=&Save=Save&Name0=pc2&R0=1");
   ASSERT_EQ(reporter.calls.size(), 2u);
   EXPECT_EQ(reporter.calls[0].text + reporter.calls[1].text, "AcceptRemoteChangesAcceptRemoteChanges");

@@ -422,7 +422,7 @@ class ScriptPageTest : public ScriptHostTest {
     actions.SendComputerControl = [this](const std::string& name, const std::string& action) {
       acted.push_back(action + " " + name);
     };
-    return RemoteASP(PageContext{table, hs, clock, reporter, actions, &host, enabled});
+    return RemoteASP(PageContext{computers, hs, clock, reporter, actions, &host, enabled});
   }
   // The routines run, without the page's cells.
   Lines Routines() {
@@ -432,8 +432,9 @@ class ScriptPageTest : public ScriptHostTest {
     return routines;
   }
 
-  ComputerTable table;
   ManualClock clock{MakeDateTime(2026, 11, 23, 9, 0, 0)};
+  ComputerRegistry computers{hs, clock};
+  ComputerRegistry::Edits edits;
   Sink sink;
   Lines acted;
 };
@@ -443,7 +444,7 @@ TEST_F(ScriptPageTest, TheSwitchChoosesScriptRoutinesOrNone) {
   for (int i = 0; i < 3; ++i) EXPECT_NE(Get(off).find("<title>Tavrel"), std::string::npos);
   EXPECT_EQ(created, 0);
 
-  table.Computers.Add("PC1", {"PC1", "198.51.100.7"});
+  computers.Rename("", "PC1", "198.51.100.7", edits);
   RemoteASP on = Page(true);
   const std::string first = Get(on);
   EXPECT_THAT(Routines(),
@@ -471,7 +472,7 @@ TEST_F(ScriptPageTest, TheSwitchChoosesScriptRoutinesOrNone) {
 }
 
 TEST_F(ScriptPageTest, AVisitorTheScriptsAnswerThemselvesHasNothingActedOnAndOneAnswer) {
-  table.Computers.Add("PC1", {"PC1", "198.51.100.7"});
+  computers.Rename("", "PC1", "198.51.100.7", edits);
   RemoteASP on = Page(true);
   Get(on);
   const std::string form = "clientinput=yes&subnet=203.0.113&Shutdown0=Shutdown";

@@ -1,5 +1,4 @@
 #include <chrono>
-#include <iterator>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -39,18 +38,12 @@ std::string Message(const std::string& msgClass, const std::string& source, cons
   return text + "}\n" + section + "\n{\n" + items + "}\n";
 }
 
-std::string Show(const OrderedDict<KeyValuePair>& dict) {
-  std::string text;
-  for (const auto& entry : dict) text += entry.value.Key + "=" + entry.value.Value + " ";
-  return text;
-}
-
 class XapHandlerTest : public ::testing::Test {
  protected:
   XapHandlerTest() {
     xap_.SetTransport(&xapSent_);
-    table_.Computers.Add("pc7", KeyValuePair{"pc7", "198.51.100.7"});
-    table_.ARPTable.Add("198.51.100.7", KeyValuePair{"198.51.100.7", "00-11-22-33-44-55"});
+    test::WriteFile(hs_.FilePath(kIniFile), "[ARP]\n198.51.100.7=00-11-22-33-44-55\n");
+    computers_.Load("pc7", "198.51.100.7", reporter_);
   }
   Lines Outputs(const std::string& text) {
     out_.clear();
@@ -72,14 +65,14 @@ class XapHandlerTest : public ::testing::Test {
   test::TempDir home_;
   test::RecordingReporter reporter_;
   Hs hs_{home_.Path() / "Config", reporter_};
-  ComputerTable table_;
+  ManualClock clock_{MakeDateTime(2026, 11, 22, 8, 30, 0)};
+  ComputerRegistry computers_{hs_, clock_};
   XapGlobal xap_;
   Lines out_;
   RecordingSend xapSent_{"xap", out_};
   RecordingSend transport_{"transport", out_};
-  ManualClock clock_{MakeDateTime(2026, 11, 22, 8, 30, 0)};
   const char* wolFailure_ = nullptr;
-  XapHandler handler_{XapHandler::Context{table_, hs_, xap_, transport_, reporter_, clock_,
+  XapHandler handler_{XapHandler::Context{computers_, hs_, xap_, transport_, reporter_, clock_,
                                           [this](const std::string& mac, const std::string& ip) {
                                             if (wolFailure_) throw std::runtime_error(wolFailure_);
                                             out_.push_back("wake|" + mac + "|" + ip);
@@ -87,7 +80,7 @@ class XapHandlerTest : public ::testing::Test {
                                           "zel.WOL.host1", "/opt/tavrel/tavrel"}};
 };
 
-TEST_F(XapHandlerTest, SendersAreLearnedByTheLastSourcePartAndMarkedSeenOnEveryMessage) {
+TEST_F(XapHandlerTest, SendersAreHandedOnByTheLastSourcePartAndOnlyNewOnesQueried) {
   // The sub-address is cut before the last "." is looked for; the last five sources name no instance.
   for (const char* line :
        {"source=zel.agent.pc5:disk\n", "source=ACME.Agent.Office\n", "source=acme.agent.den:a.b\n",
@@ -95,38 +88,19 @@ TEST_F(XapHandlerTest, SendersAreLearnedByTheLastSourcePartAndMarkedSeenOnEveryM
         "source=acme.agent.\n", "source=a.b.:c\n", "source=\n"})
     handler_.Handle("xap-header\n{\nclass=x.y\n" + std::string(line));
   EXPECT_EQ(out_.size(), 5u);  // one query to each new computer
-  EXPECT_EQ(Show(table_.Computers), "pc7=198.51.100.7 pc5= office= den= attic= cellar= ");
-  // Known senders, whatever their case, are neither saved nor queried again; every message refreshes them.
-  clock_.Advance(std::chrono::seconds(90));
-  EXPECT_EQ(Outputs("xap-hbeat\n{\nclass=xap-hbeat.alive\nsource=acme.agent.PC7\n}\n"), Lines{});
+  EXPECT_EQ(computers_.Count(), 6u);
+  for (const char* name : {"pc5", "office", "den", "attic", "cellar"})
+    EXPECT_NE(computers_.FindByName(name), nullptr) << name;
+  // A known sender is not queried again.
   EXPECT_EQ(Outputs("xap-hbeat\n{\nclass=xap-hbeat.alive\nsource=acme.agent.Den\n}\n"), Lines{});
-  EXPECT_EQ(Show(table_.LastSeen),
-            "pc5=2026-11-22 08:30:00 office=2026-11-22 08:30:00 den=2026-11-22 08:31:30 "
-            "attic=2026-11-22 08:30:00 cellar=2026-11-22 08:30:00 pc7=2026-11-22 08:31:30 ");
 }
 
-TEST_F(XapHandlerTest, OnlyNamesTheSettingsFileGivesBackAreLearnedAndEveryMessageIsServed) {
-  const std::string unstorable[] = {"evil=1", "pc\r", "p\0c"s, "p\tc", "pc\x7f", ";pc",
-                                    "~pc",    "p~c",  "[pc]",  " pc",  "pc ",    std::string(64, 'a'),
-                                    ""};
-  for (const auto& name : unstorable)
-    EXPECT_EQ(RoleQueryFrom(name), Lines{kRoleAnswer}) << XapHandler::DiagnosticText(name);
-  EXPECT_EQ(Show(table_.Computers), "pc7=198.51.100.7 ");
-  EXPECT_EQ(table_.LastSeen.Count(), 0u);
-  EXPECT_EQ(test::ReadFile(home_.Path() / "Config" / "tavrel.ini"), "");
-
-  const std::string storable[] = {std::string(63, 'b'), "my pc;[1]#", "\xef\xbb\xbfpc\xe9"};
-  for (const auto& name : storable) {
-    EXPECT_EQ(RoleQueryFrom(name),
-              (Lines{"xap|*.*." + name + "|Computer.Process|Computer.Query|Query\001All", kRoleAnswer}));
-  }
-  EXPECT_EQ(table_.LastSeen.Keys(), Lines(std::begin(storable), std::end(storable)));
-}
-
-TEST_F(XapHandlerTest, SkippedSendersAreReportedAtOnceThenAtMostOnceAMinuteWithACount) {
+// A sender the registry declines is still served; the first of a reason is reported at once, later ones
+// are counted and reported together once a minute has passed.
+TEST_F(XapHandlerTest, DeclinedSendersAreServedAndReportedAtOnceThenAtMostOnceAMinute) {
   const std::string unstorable =
       "event tavrel|LearnSender skipped 1 sender name(s) the settings file cannot hold\n";
-  RoleQueryFrom("a=1");
+  EXPECT_EQ(RoleQueryFrom("a=1"), Lines{kRoleAnswer});
   EXPECT_EQ(Reports(), unstorable);
   RoleQueryFrom("b=1");
   clock_.Advance(std::chrono::seconds(59));
@@ -139,23 +113,18 @@ TEST_F(XapHandlerTest, SkippedSendersAreReportedAtOnceThenAtMostOnceAMinuteWithA
   clock_.Advance(std::chrono::seconds(60));
   RoleQueryFrom("d=1");  // after a quiet minute, at once again
   EXPECT_EQ(Reports(), unstorable);
-}
 
-TEST_F(XapHandlerTest, PastTheComputerLimitNewSendersAreServedButNotLearned) {
-  for (int k = 1; k < 1023; ++k) table_.Computers.Add("old" + std::to_string(k), KeyValuePair{});
-  EXPECT_EQ(RoleQueryFrom("pc1024").size(), 2u);  // learned and queried: the 1024th computer
+  ComputerRegistry::Edits edits;
+  for (size_t k = computers_.Count(); k < kMaxLearnedComputers; ++k)
+    computers_.Rename("", "old" + std::to_string(k), "198.51.100.1", edits);
   EXPECT_EQ(RoleQueryFrom("pc1025"), Lines{kRoleAnswer});
-  clock_.Advance(std::chrono::seconds(90));
-  EXPECT_EQ(RoleQueryFrom("PC7"), Lines{kRoleAnswer});
-  EXPECT_EQ(table_.Computers.Count(), 1024u);
-  EXPECT_EQ(Show(table_.LastSeen), "pc1024=2026-11-22 08:30:00 pc7=2026-11-22 08:31:30 ");
-  EXPECT_EQ(hs_.GetINISetting("Computer", "pc1025", "none", kIniFile), "none");
   EXPECT_EQ(Reports(), "event tavrel|LearnSender skipped 1 new sender(s) past 1024 computers\n");
 }
 
 // The answers themselves are checked byte for byte end to end; here, which messages are meant for this node.
 TEST_F(XapHandlerTest, RoleEchoComputerAndTimeMessagesAreServedOnlyWhenMeantForThisNode) {
-  table_.Computers.Add("pc8", KeyValuePair{"pc8", "198.51.100.8"});  // no ARP entry
+  ComputerRegistry::Edits edits;
+  computers_.Rename("", "pc8", "198.51.100.8", edits);  // no ARP entry
   auto role = [](const char* role, const char* section = "Role.Query") {
     return Message("Homeseer.Role", kHub, "", section, "Role="s + role + "\n");
   };
@@ -206,7 +175,7 @@ TEST_F(XapHandlerTest, FailureIsReportedAsAnEventWithPositionsAndTheReceivedText
   EXPECT_EQ((call.event ? "event " : "log ") + call.module + "|" + call.text + "|" + call.err.Description,
             "event tavrel|Readmessage i=37,j=51, xap-header, {, class=Computer.Process, source=a.b.hub, "
             "target=x.y.pc7, }, Computer.Control, {, Action=WOL, }|no adapter");
-  EXPECT_EQ(table_.LastSeen.Keys(), Lines{"hub"});  // learned before the failure, and kept
+  EXPECT_NE(computers_.FindByName("hub"), nullptr);  // learned before the failure, and kept
 }
 
 TEST(XapHandlerDiagnosticText, JoinsLinesShowsControlBytesAndCutsTheRenderedText) {
