@@ -16,11 +16,6 @@ std::string UCase(std::string_view s) {
   return out;
 }
 
-std::string LTrim(std::string_view s) {
-  size_t b = s.find_first_not_of(' ');
-  return b == std::string_view::npos ? std::string() : std::string(s.substr(b));
-}
-
 std::string RTrim(std::string_view s) {
   size_t e = s.find_last_not_of(' ');
   return e == std::string_view::npos ? std::string() : std::string(s.substr(0, e + 1));

@@ -17,7 +17,6 @@ std::string UCase(std::string_view s);
 
 // Trim blanks (the space character only, as the classic Trim does).
 std::string Trim(std::string_view s);
-std::string LTrim(std::string_view s);
 std::string RTrim(std::string_view s);
 
 bool EqualsNoCase(std::string_view a, std::string_view b);

@@ -262,8 +262,6 @@ void Response::SendStatus(std::string_view status, std::string_view text, std::s
   }
 }
 
-void Response::Redirect(std::string_view) { SendTextString("<HTML>Unauthorized Access<HTML>"); }
-
 ContentType Response::GetContentType(std::string_view path) {
   auto has = [&](std::string_view ext) { return path.find(ext) != std::string_view::npos; };
   if (has(".txt")) return {"text/plain", true, false};

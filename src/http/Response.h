@@ -110,9 +110,6 @@ class Response {
   // A short plain-text answer of its own status ("403 Forbidden"), with an extra header line if given,
   // that closes the connection: refusals and the web root's jump to the page.
   void SendStatus(std::string_view status, std::string_view text, std::string_view extraHeader = {});
-  void Send(const std::string& text) { SendTextString(text); }
-  // Pages may ask for a redirect; the answer is always the refusal page.
-  void Redirect(std::string_view location);
 
   static ContentType GetContentType(std::string_view path);
   // A page as the server's routes name its file: lower case, "\" between folders.

@@ -279,7 +279,7 @@ ScriptValue ResponseObject::Call(size_t member, const std::vector<std::string>& 
   switch (member) {
     case kSend:
       Arity(a, 1, 1);
-      r.Send(a[0]);
+      r.SendTextString(a[0]);
       return {};
     case kSendTextString:
       Arity(a, 2, 2);
@@ -317,8 +317,9 @@ ScriptValue ResponseObject::Call(size_t member, const std::vector<std::string>& 
           names, std::vector<ScriptValue>{type.type, type.type, type.isText, type.isScript});
     }
     case kRedirect:
+      // A page may ask for a redirect; the answer is always the refusal page.
       Arity(a, 1, 1);
-      r.Redirect(a[0]);
+      r.SendTextString("<HTML>Unauthorized Access<HTML>");
       return {};
     default:
       NoSuchMember();

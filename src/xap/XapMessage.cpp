@@ -69,8 +69,6 @@ void XapMessage::AddItem(std::string_view key, std::string_view value) {
 
 std::string XapMessage::ToXap() const { return output_ + "}\n"; }
 
-void XapMessage::ClearText() { output_.clear(); }
-
 // Parsing goes on after a duplicate block name or key: the first block or line keeps the name, and the
 // rest of the message is still read. Only the first failure of a text is logged, so a hostile datagram
 // full of duplicates costs one log line, as a failure that ended the parse would.
@@ -136,24 +134,9 @@ std::string XapMessage::GetItem(std::string_view section, std::string_view key) 
   }
 }
 
-std::vector<std::string> XapMessage::msgSection() const {
-  if (blockIndex_.Empty()) return {std::string()};
-  std::vector<std::string> names = blockIndex_.Keys();
-  if (names.size() < 2) throw std::out_of_range("Subscript out of range");
-  names.pop_back();
-  return names;
-}
-
-const OrderedDict<std::string>* XapMessage::msgCollection(int index) const {
-  if (index < 0 || static_cast<size_t>(index) >= blocks_.size()) return nullptr;
-  return &blocks_[static_cast<size_t>(index)];
-}
-
 bool XapMessage::CompareClass(std::string_view className) const {
   return LCase(className) == LCase(msgClass);
 }
-
-bool XapMessage::CompareSource(std::string_view pattern) const { return CompareAddress(pattern, msgSource); }
 
 bool XapMessage::CompareTarget(std::string_view pattern) const { return CompareAddress(pattern, msgTarget); }
 

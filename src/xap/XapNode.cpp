@@ -32,11 +32,6 @@ void XapNode::SetXapSource(std::string value) {
   RebuildTexts();
 }
 
-void XapNode::SetXapTarget(std::string value) {
-  xapTarget_ = std::move(value);
-  RebuildTexts();
-}
-
 void XapNode::SetXapUID(std::string value) {
   xapUID_ = std::move(value);
   RebuildTexts();

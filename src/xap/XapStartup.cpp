@@ -28,7 +28,6 @@ void Guarded(Reporter& reporter, Step step) {
 
 XapStartup InitXap(const std::filesystem::path& home, Hs& hs, Reporter& reporter) {
   XapStartup startup;
-  startup.AppPath = home;
   Guarded(reporter, [&] { startup.LocalComputerName = platform::ComputerName(); });
   Guarded(reporter, [&] { startup.ExecutablePath = platform::ExecutablePath().string(); });
   // The last piece, "x", stands for a file name and is never created.

@@ -14,7 +14,6 @@ inline constexpr std::string_view kXapIniFile = "zelXap.ini";
 // What the program learns before it starts the xAP transport.
 struct XapStartup {
   std::string LocalComputerName;
-  std::filesystem::path AppPath;
   std::string ExecutablePath;
   std::string InterfaceAddress = "Default";
   std::string BroadcastAddress = "Default";
