@@ -4,12 +4,14 @@
 #include <cstddef>
 #include <filesystem>
 #include <fstream>
+#include <initializer_list>
 #include <memory>
 #include <string>
 #include <string_view>
 #include <utility>
 
 #include "core/Clock.h"
+#include "core/FastString.h"
 #include "core/Reporter.h"
 #include "http/Request.h"
 #include "http/ServerLog.h"
@@ -116,7 +118,10 @@ class Response {
   static std::string PagePath(std::string_view page);
 
  private:
-  std::string Date() const;
+  // The header block of an answer: the status line, "Server: zel", dateField followed by the date, the
+  // non-empty fields in order, and the empty line that ends it.
+  FastString Header(std::string_view statusLine, std::string_view dateField,
+                    std::initializer_list<std::string_view> fields) const;
   // True (with a debug line) when the request already has its answer: one answer per request.
   bool AlreadyAnswered(std::string_view what) const;
   // Tag "0", then the answer to an open connection; false (nothing sent) when it is not open.
