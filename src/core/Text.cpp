@@ -75,6 +75,19 @@ std::vector<std::string> Split(std::string_view s, std::string_view delim) {
   }
 }
 
+std::vector<std::string_view> SplitLines(std::string_view text) {
+  std::vector<std::string_view> lines;
+  size_t pos = 0;
+  while (pos < text.size()) {
+    size_t end = text.find_first_of("\r\n", pos);
+    if (end == std::string_view::npos) end = text.size();
+    lines.push_back(text.substr(pos, end - pos));
+    pos = end + 1;
+    if (end < text.size() && text[end] == '\r' && pos < text.size() && text[pos] == '\n') ++pos;
+  }
+  return lines;
+}
+
 std::string Join(const std::vector<std::string>& parts, std::string_view delim) {
   std::string out;
   for (size_t i = 0; i < parts.size(); ++i) {

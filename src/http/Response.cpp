@@ -7,23 +7,13 @@
 #include <utility>
 
 #include "core/FastString.h"
+#include "core/Files.h"
 #include "core/Text.h"
 #include "http/StaticFile.h"
 
 namespace tavrel {
 
-namespace {
-
-// The whole file, or nothing when it cannot be read.
-std::optional<std::string> ReadAll(const std::filesystem::path& file) {
-  std::ifstream in(file, std::ios::binary);
-  if (!in) return std::nullopt;
-  std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  if (in.bad()) return std::nullopt;
-  return text;
-}
-
-}  // namespace
+namespace {}  // namespace
 
 BinaryBody::BinaryBody(ConnectionSink& socket, std::ifstream file, std::string page, ServerLog* log,
                        Reporter& reporter)
@@ -86,7 +76,7 @@ void Response::SendTextFile(std::string_view page) {
   if (AlreadyAnswered("TextFile " + std::string(page))) return;
   try {
     const auto file = ResolveStaticFile(ctx_.htmlFolder, page);
-    const auto text = file ? ReadAll(*file) : std::nullopt;
+    const auto text = file ? ReadWholeFile(*file) : std::nullopt;
     if (!text) {
       SendErrorResponse();
       return;

@@ -2,10 +2,9 @@
 
 #include <charconv>
 #include <climits>
-#include <fstream>
-#include <iterator>
 #include <utility>
 
+#include "core/Files.h"
 #include "core/Text.h"
 #include "http/StaticFile.h"
 
@@ -37,13 +36,6 @@ bool LeavesFolder(std::string_view name) {
     if (piece == ".." || piece.find(':') != std::string::npos) return true;
   }
   return false;
-}
-
-std::string ReadWhole(const fs::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  if (in.bad() || !in.is_open()) throw ScriptError(75, "Path/File access error");
-  return text;
 }
 
 }  // namespace
@@ -157,7 +149,9 @@ void HTMLIncludes::Accumulate(Folder folder, std::string_view fileName, platform
   }
   loading_.push_back(*path);
   try {
-    std::string code = ReadWhole(*path);
+    auto text = ReadWholeFile(*path);
+    if (!text) throw ScriptError(75, "Path/File access error");
+    std::string code = std::move(*text);
     if (html) code = PageToScript(code);
     // Included files go in first.
     code = CutIncludes(std::move(code), [&](const std::string& name, bool fromScripts) {

@@ -7,6 +7,7 @@
 #include <system_error>
 #include <utility>
 
+#include "core/Files.h"
 #include "core/Folders.h"
 #include "core/Text.h"
 #include "platform/LineEnd.h"
@@ -55,21 +56,6 @@ Err StreamError(int savedErrno) {
   return FileError(std::error_code(savedErrno, std::generic_category()));
 }
 
-std::string ReadWholeFile(const fs::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) throw std::system_error(errno, std::generic_category(), "cannot open the file");
-  std::string text;
-  in.seekg(0, std::ios::end);
-  auto size = in.tellg();
-  in.seekg(0, std::ios::beg);
-  if (size > 0) {
-    text.resize(static_cast<size_t>(size));
-    in.read(text.data(), size);
-    text.resize(static_cast<size_t>(in.gcount()));
-  }
-  return text;
-}
-
 struct Row {
   std::string_view header;
   std::string_view key;
@@ -107,14 +93,7 @@ void TakeLine(std::string_view line, std::string& sectionKey, OrderedDict<std::s
 void Parse(std::string_view text, OrderedDict<std::string>& table, Reporter& reporter) {
   if (text.starts_with(kByteOrderMark)) text.remove_prefix(kByteOrderMark.size());
   std::string sectionKey;  // lines before the first header belong to the section ""
-  size_t pos = 0;
-  while (pos < text.size()) {
-    size_t end = text.find_first_of("\r\n", pos);
-    if (end == std::string_view::npos) end = text.size();
-    TakeLine(CleanLine(text.substr(pos, end - pos)), sectionKey, table, reporter);
-    pos = end + 1;
-    if (end < text.size() && text[end] == '\r' && pos < text.size() && text[pos] == '\n') ++pos;
-  }
+  for (std::string_view line : SplitLines(text)) TakeLine(CleanLine(line), sectionKey, table, reporter);
 }
 
 // Every entry whose key holds the separator is a row: header before it, key after it.
@@ -224,7 +203,9 @@ void IniTool::Load(const fs::path& fileName) {
       reporter_.WriteLog(kModule, "IniTool Load ", Err::Of("Path/File access error", 75));
       return;
     }
-    LoadText(ReadWholeFile(fileName));
+    const auto text = ReadWholeFile(fileName);
+    if (!text) throw std::system_error(errno, std::generic_category(), "cannot open the file");
+    LoadText(*text);
   } catch (const std::exception& e) {
     reporter_.WriteLog(kModule, "IniTool Load ", Err::From(e));
   }

@@ -14,20 +14,6 @@ namespace {
 constexpr long kSubscriptOutOfRange = 9;
 constexpr long kKeyAlreadyUsed = 457;
 
-std::vector<std::string_view> SplitLines(std::string_view text) {
-  std::vector<std::string_view> lines;
-  size_t start = 0;
-  while (true) {
-    size_t at = text.find('\n', start);
-    if (at == std::string_view::npos) {
-      lines.push_back(text.substr(start));
-      return lines;
-    }
-    lines.push_back(text.substr(start, at - start));
-    start = at + 1;
-  }
-}
-
 std::vector<std::string> SplitAddress(std::string_view address) { return Split(LCase(address), "."); }
 
 }  // namespace
@@ -80,7 +66,8 @@ void XapMessage::FromXap(std::string_view text) {
     logged = true;
   };
   try {
-    const std::vector<std::string_view> lines = SplitLines(text);
+    // Only a line feed ends a line: a received CR stays in the value.
+    const std::vector<std::string> lines = Split(text, "\n");
     if (FindNoCase(lines[0], "xap-header") == std::string_view::npos) return;
     int block = -1;
     for (size_t i = 2; i < lines.size(); ++i) {
