@@ -52,7 +52,8 @@ void CreateFolders(std::string_view path, Reporter& reporter) {
     if (std::filesystem::is_directory(p, ec)) continue;
     std::filesystem::create_directory(p, ec);
     if (ec) {
-      reporter.ReportEvent(kModule, " CreateFolders ", Err::Of(ec.message(), ec.value() ? ec.value() : 75));
+      reporter.ReportEvent(kModule, " CreateFolders ",
+                           Err::Of(ec.message(), ec.value() ? ec.value() : Err::kPathFileAccess));
       return;
     }
   }

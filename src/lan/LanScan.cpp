@@ -20,8 +20,8 @@ constexpr std::string_view kBuildLabel = "BuildARPTable";
 constexpr std::string_view kTimerLabel = "ARPTimer_Timer";
 
 // These two faults carry the run-time error numbers and texts of the classic runtime.
-const Err kNoDotInLocalIP{5, "Invalid procedure call or argument"};
-const Err kShortArpLine{9, "Subscript out of range"};
+const Err kNoDotInLocalIP{Err::kInvalidCall, "Invalid procedure call or argument"};
+const Err kShortArpLine{Err::kSubscriptOutOfRange, "Subscript out of range"};
 
 // "p0.log", "p21.bat": a scan file name of subnet number i. (Built by appending: g++ 12 warns falsely
 // on a literal + temporary string.)

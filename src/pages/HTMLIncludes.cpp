@@ -28,7 +28,7 @@ constexpr std::string_view kPrelude =
     "Set Response = pResponse\r\n"
     "End sub\r\n";
 
-[[noreturn]] void TypeMismatch() { throw ScriptError(13, "Type mismatch"); }
+[[noreturn]] void TypeMismatch() { throw ScriptError(Err::kTypeMismatch, "Type mismatch"); }
 
 // A name that climbs out of its folder or names a drive; such a name is never followed.
 bool LeavesFolder(std::string_view name) {
@@ -114,7 +114,7 @@ void HTMLIncludes::HTMLInit() {
 
 void HTMLIncludes::HTMLBuild() {
   try {
-    if (!control_) throw ScriptError(91, "Object variable or With block variable not set");
+    if (!control_) throw ScriptError(Err::kObjectNotSet, "Object variable or With block variable not set");
     for (std::string_view page : kIncludePages) AccumulateHTMLReferences(page, *control_);
     scriptInitialised_ = true;
   } catch (const std::exception& e) {
@@ -150,7 +150,7 @@ void HTMLIncludes::Accumulate(Folder folder, std::string_view fileName, platform
   loading_.push_back(*path);
   try {
     auto text = ReadWholeFile(*path);
-    if (!text) throw ScriptError(75, "Path/File access error");
+    if (!text) throw ScriptError(Err::kPathFileAccess, "Path/File access error");
     std::string code = std::move(*text);
     if (html) code = PageToScript(code);
     // Included files go in first.
@@ -165,7 +165,7 @@ void HTMLIncludes::Accumulate(Folder folder, std::string_view fileName, platform
 }
 
 ScriptValue HTMLIncludes::Run(const std::string& routine, const std::vector<ScriptValue>& args) {
-  if (!control_) throw ScriptError(91, "Object variable or With block variable not set");
+  if (!control_) throw ScriptError(Err::kObjectNotSet, "Object variable or With block variable not set");
   return control_->Run(routine, args);
 }
 

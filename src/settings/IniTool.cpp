@@ -48,11 +48,13 @@ std::string_view CleanLine(std::string_view line) {
   return line.substr(begin, end - begin + 1);
 }
 
-Err FileError(const std::error_code& ec) { return Err::Of(ec.message(), ec.value() != 0 ? ec.value() : 75); }
+Err FileError(const std::error_code& ec) {
+  return Err::Of(ec.message(), ec.value() != 0 ? ec.value() : Err::kPathFileAccess);
+}
 
 // The error of a failed stream operation: errno when the runtime set it.
 Err StreamError(int savedErrno) {
-  if (savedErrno == 0) return Err::Of("Path/File access error", 75);
+  if (savedErrno == 0) return Err::Of("Path/File access error", Err::kPathFileAccess);
   return FileError(std::error_code(savedErrno, std::generic_category()));
 }
 
@@ -200,7 +202,7 @@ void IniTool::Load(const fs::path& fileName) {
     }
     // Anything but a plain file (a folder, a pipe) reads as empty instead of blocking or failing later.
     if (!fs::is_regular_file(status)) {
-      reporter_.WriteLog(kModule, "IniTool Load ", Err::Of("Path/File access error", 75));
+      reporter_.WriteLog(kModule, "IniTool Load ", Err::Of("Path/File access error", Err::kPathFileAccess));
       return;
     }
     const auto text = ReadWholeFile(fileName);
@@ -294,7 +296,7 @@ std::vector<std::string> IniTool::Keys(std::string_view section) const {
 
 void IniTool::Save() {
   if (fileName_.empty()) {
-    reporter_.WriteLog(kModule, "IniTool Save ", Err::Of("Bad file name or number", 52));
+    reporter_.WriteLog(kModule, "IniTool Save ", Err::Of("Bad file name or number", Err::kBadFileName));
     return;
   }
   try {

@@ -10,10 +10,6 @@ namespace tavrel {
 
 namespace {
 
-// Runtime error numbers the log lines carry, as the original runtime numbered them.
-constexpr long kSubscriptOutOfRange = 9;
-constexpr long kKeyAlreadyUsed = 457;
-
 std::vector<std::string> SplitAddress(std::string_view address) { return Split(LCase(address), "."); }
 
 }  // namespace
@@ -75,11 +71,12 @@ void XapMessage::FromXap(std::string_view text) {
       if (line == "}") {
         ++block;
         if (++i >= lines.size()) {
-          fail(Err::Of("Subscript out of range", kSubscriptOutOfRange));
+          fail(Err::Of("Subscript out of range", Err::kSubscriptOutOfRange));
           return;
         }
         if (!blockIndex_.Add(LCase(lines[i]), block)) {
-          fail(Err::Of("This key is already associated with an element of this collection", kKeyAlreadyUsed));
+          fail(Err::Of("This key is already associated with an element of this collection",
+                       Err::kKeyAlreadyUsed));
         }
         if (blocks_.size() < static_cast<size_t>(block) + 1) blocks_.resize(static_cast<size_t>(block) + 1);
         blocks_[static_cast<size_t>(block)] = OrderedDict<std::string>();
@@ -100,7 +97,8 @@ void XapMessage::FromXap(std::string_view text) {
           msgTarget = std::move(value);
         }
       } else if (!blocks_[static_cast<size_t>(block)].Add(key, std::string(line))) {
-        fail(Err::Of("This key is already associated with an element of this collection", kKeyAlreadyUsed));
+        fail(Err::Of("This key is already associated with an element of this collection",
+                     Err::kKeyAlreadyUsed));
       }
     }
   } catch (const std::exception& e) {

@@ -62,7 +62,8 @@ void XapNode::SendHeartbeat(long interval) {
     }
     const long ms = interval * 1000;
     if (ms > kMaxTimerInterval) {
-      reporter_.WriteLog(kModule, "SendHeartbeat", Err{380, "Invalid property value", 0});
+      reporter_.WriteLog(kModule, "SendHeartbeat",
+                         Err::Of("Invalid property value", Err::kInvalidPropertyValue));
       return;
     }
     heartbeatMs_ = ms;

@@ -11,8 +11,6 @@ namespace tavrel {
 namespace {
 
 constexpr std::string_view kDefaultPort = "3639";
-// The runtime's "Type mismatch": a port setting that is no number.
-constexpr long kTypeMismatch = 13;
 
 // Runs one step; a failure is logged and the next step still runs.
 template <class Step>
@@ -48,7 +46,7 @@ XapStartup InitXap(const std::filesystem::path& home, Hs& hs, Reporter& reporter
       reporter.WriteLog(
           kModule, "InitXap",
           Err::Of("Port \"" + port + "\" is no port number; " + std::string(kDefaultPort) + " used",
-                  kTypeMismatch));
+                  Err::kTypeMismatch));
     }
   });
   return startup;
