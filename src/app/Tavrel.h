@@ -13,8 +13,8 @@
 #include "core/Timer.h"
 #include "platform/Tray.h"
 #include "settings/Hs.h"
-#include "xap/XapGlobal.h"
 #include "xap/XapStartup.h"
+#include "xapsend/XapGlobal.h"
 
 namespace tavrel {
 

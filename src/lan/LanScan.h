@@ -17,7 +17,7 @@
 #include "lan/Subnet.h"
 #include "platform/Process.h"
 #include "settings/Hs.h"
-#include "xap/XapGlobal.h"
+#include "xapsend/XapGlobal.h"
 
 namespace tavrel {
 

@@ -11,7 +11,7 @@
 #include "core/ComputerTable.h"
 #include "core/Reporter.h"
 #include "settings/Hs.h"
-#include "xap/XapGlobal.h"
+#include "xapsend/XapGlobal.h"
 
 namespace tavrel {
 

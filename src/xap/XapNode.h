@@ -10,7 +10,7 @@
 
 #include "core/Reporter.h"
 #include "core/Timer.h"
-#include "xap/XapGlobal.h"
+#include "xapsend/XapGlobal.h"
 
 // windows.h, which Asio pulls in there, maps GetMessage to GetMessageA; the node has its own.
 #undef GetMessage
