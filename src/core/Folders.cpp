@@ -59,4 +59,10 @@ void CreateFolders(std::string_view path, Reporter& reporter) {
   }
 }
 
+void CreateHomeFolders(const std::filesystem::path& home, Reporter& reporter) {
+  // The last piece, "x", stands for a file name and is never created.
+  CreateFolders((home / "Config" / "x").string(), reporter);
+  CreateFolders((home / "Data" / "x").string(), reporter);
+}
+
 }  // namespace tavrel

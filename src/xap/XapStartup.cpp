@@ -2,7 +2,6 @@
 
 #include <exception>
 
-#include "core/Folders.h"
 #include "core/Text.h"
 #include "platform/Host.h"
 
@@ -24,13 +23,10 @@ void Guarded(Reporter& reporter, Step step) {
 
 }  // namespace
 
-XapStartup InitXap(const std::filesystem::path& home, Hs& hs, Reporter& reporter) {
+XapStartup InitXap(Hs& hs, Reporter& reporter) {
   XapStartup startup;
   Guarded(reporter, [&] { startup.LocalComputerName = platform::ComputerName(); });
   Guarded(reporter, [&] { startup.ExecutablePath = platform::ExecutablePath().string(); });
-  // The last piece, "x", stands for a file name and is never created.
-  Guarded(reporter, [&] { CreateFolders((home / "Config" / "x").string(), reporter); });
-  Guarded(reporter, [&] { CreateFolders((home / "Data" / "x").string(), reporter); });
   Guarded(reporter, [&] {
     startup.InterfaceAddress = hs.GetINISetting("Interface", "InterfaceAddress", "Default", kXapIniFile);
   });

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <filesystem>
 #include <string>
 
 #include "core/Reporter.h"
@@ -21,9 +20,9 @@ struct XapStartup {
   int Port = 3639;
 };
 
-// Reads this machine's name and the program's paths, makes sure the Config and Data folders exist and
-// reads section "Interface" of zelXap.ini. Failures are logged as "InitXap"; every value not read keeps
+// Reads this machine's name and the program's paths and section "Interface" of zelXap.ini (the caller
+// has made the home's folders). Failures are logged as "InitXap"; every value not read keeps
 // its default.
-XapStartup InitXap(const std::filesystem::path& home, Hs& hs, Reporter& reporter);
+XapStartup InitXap(Hs& hs, Reporter& reporter);
 
 }  // namespace tavrel
