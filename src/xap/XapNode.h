@@ -51,10 +51,8 @@ class XapNode : public XapSendOperation {
   void SetInterfaceAddress(std::string value) { interfaceAddress_ = std::move(value); }
   const std::string& XapSource() const { return xapSource_; }
   void SetXapSource(std::string value);
-  const std::string& XapUID() const { return xapUID_; }
   void SetXapUID(std::string value);
   // When set, only messages with an "xap-header" are queued (heartbeats are not).
-  bool FilterHeartbeats() const { return filterHeartbeats_; }
   void SetFilterHeartbeats(bool value) { filterHeartbeats_ = value; }
   // The xAP port: every datagram goes there, and the listening socket tries it first.
   int Port() const { return port_; }
@@ -86,9 +84,8 @@ class XapNode : public XapSendOperation {
   void Send(const std::string& target, const std::string& msgClass, const std::string& section,
             const std::string& body) override;
 
-  // The heartbeat up to "interval=", and the tail ("0", then the port line and "}").
+  // The heartbeat up to "interval=".
   const std::string& HeartbeatText() const { return heartbeatText_; }
-  const std::string& HeartbeatTail() const { return heartbeatTail_; }
   // The heartbeat timer: its interval in ms (0 when stopped) and whether it runs.
   long HeartbeatTimerInterval() const { return heartbeatMs_; }
   bool HeartbeatTimerEnabled() const { return heartbeatTimer_->Armed(); }
@@ -123,6 +120,7 @@ class XapNode : public XapSendOperation {
   // "xap-header" ... "uid=<UID>", each line ended by a line feed.
   std::string headerPrefix_;
   std::string heartbeatText_;
+  // What follows the interval: "0", then the port line and "}".
   std::string heartbeatTail_;
 
   std::unique_ptr<Timer> heartbeatTimer_;
