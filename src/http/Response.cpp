@@ -1,7 +1,5 @@
 #include "http/Response.h"
 
-#include <cstdio>
-#include <iterator>
 #include <optional>
 #include <stdexcept>
 #include <utility>
@@ -12,8 +10,6 @@
 #include "http/StaticFile.h"
 
 namespace tavrel {
-
-namespace {}  // namespace
 
 BinaryBody::BinaryBody(ConnectionSink& socket, std::ifstream file, std::string page, ServerLog* log,
                        Reporter& reporter)
