@@ -9,9 +9,9 @@
 #include "core/Clock.h"
 #include "settings/ComputerRegistry.h"
 #include "settings/Hs.h"
-#include "xap/XapGlobal.h"
 #include "xap/XapHandler.h"
 #include "xap/XapMessage.h"
+#include "xapsend/XapGlobal.h"
 
 namespace {
 

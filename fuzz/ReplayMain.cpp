@@ -3,10 +3,10 @@
 #include <cstdint>
 #include <cstdio>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <string>
 #include <vector>
+
+#include "core/Files.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 
@@ -17,8 +17,7 @@ int main(int argc, char** argv) {
       if (e.is_regular_file()) files.push_back(e.path());
   std::sort(files.begin(), files.end());
   for (const auto& f : files) {
-    std::ifstream in(f, std::ios::binary);
-    const std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    const std::string bytes = tavrel::ReadWholeFile(f).value_or("");
     LLVMFuzzerTestOneInput(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
   }
   std::printf("replayed %zu corpus files\n", files.size());

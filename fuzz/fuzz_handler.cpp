@@ -12,8 +12,8 @@
 #include "core/Reporter.h"
 #include "settings/ComputerRegistry.h"
 #include "settings/Hs.h"
-#include "xap/XapGlobal.h"
 #include "xap/XapHandler.h"
+#include "xapsend/XapGlobal.h"
 
 namespace {
 

@@ -16,7 +16,7 @@
 #include "app/StartupLine.h"
 #include "app/Tavrel.h"
 #include "lan/ComputerActions.h"
-#include "lan/NativeSweep.h"
+#include "lan/ScanCommand.h"
 #include "platform/Console.h"
 #include "platform/Host.h"
 #include "platform/SessionEnd.h"

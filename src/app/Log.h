@@ -5,7 +5,7 @@
 
 #include "core/Clock.h"
 #include "core/Reporter.h"
-#include "xap/XapGlobal.h"
+#include "xapsend/XapGlobal.h"
 
 namespace tavrel {
 

@@ -16,7 +16,6 @@ class ServerLogFile final : public ServerLog {
   ServerLogFile(const std::filesystem::path& file, const Clock& clock);
   void WriteLine(std::string_view text) override;
   void Write(std::string_view text) override;
-  bool IsOpen() const { return out_.is_open(); }
 
  private:
   std::ofstream out_;

@@ -46,7 +46,8 @@ bool Tavrel::form_load() {
   inMessage_ = false;
   try {
     computers_.Clear();
-    startup_ = InitXap(home_, hs_, log_);
+    CreateHomeFolders(home_, log_);
+    startup_ = InitXap(hs_, log_);
     httpPortSetting_ = hs_.GetINISetting("WOL", "HTTPPort", "8019", kIniFile);
     if (!StartXap()) return false;
     LoadIni();

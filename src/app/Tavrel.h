@@ -13,8 +13,8 @@
 #include "platform/Tray.h"
 #include "settings/ComputerRegistry.h"
 #include "settings/Hs.h"
-#include "xap/XapGlobal.h"
 #include "xap/XapStartup.h"
+#include "xapsend/XapGlobal.h"
 
 namespace tavrel {
 
@@ -59,7 +59,6 @@ class Tavrel final : public platform::TrayOwner {
   void Form_unload();
 
   bool Exiting() const { return exiting_; }
-  bool XapStarted() const { return xapStarted_; }
   const std::string& LocalComputerName() const { return startup_.LocalComputerName; }
   const std::string& HTTPPortSetting() const { return httpPortSetting_; }
   ComputerRegistry& Computers() { return computers_; }
@@ -69,7 +68,6 @@ class Tavrel final : public platform::TrayOwner {
   LanScan* Scan() { return lanScan_.get(); }
   TCPServer* Server() { return server_.get(); }
   const Guard* ServerGuard() const { return guard_.get(); }
-  platform::Tray* TrayIcon() { return tray_.get(); }
 
   // The menu's entries by index; "-" is the separator.
   static std::vector<platform::TrayMenuEntry> MenuEntries();

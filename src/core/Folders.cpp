@@ -52,10 +52,17 @@ void CreateFolders(std::string_view path, Reporter& reporter) {
     if (std::filesystem::is_directory(p, ec)) continue;
     std::filesystem::create_directory(p, ec);
     if (ec) {
-      reporter.ReportEvent(kModule, " CreateFolders ", Err::Of(ec.message(), ec.value() ? ec.value() : 75));
+      reporter.ReportEvent(kModule, " CreateFolders ",
+                           Err::Of(ec.message(), ec.value() ? ec.value() : Err::kPathFileAccess));
       return;
     }
   }
+}
+
+void CreateHomeFolders(const std::filesystem::path& home, Reporter& reporter) {
+  // The last piece, "x", stands for a file name and is never created.
+  CreateFolders((home / "Config" / "x").string(), reporter);
+  CreateFolders((home / "Data" / "x").string(), reporter);
 }
 
 }  // namespace tavrel

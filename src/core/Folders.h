@@ -1,5 +1,6 @@
 #pragma once
 
+#include <filesystem>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -16,5 +17,8 @@ std::vector<std::string> FolderChain(std::string_view path);
 
 // Creates every missing folder of FolderChain(path); failures are reported as " CreateFolders ".
 void CreateFolders(std::string_view path, Reporter& reporter);
+
+// The home's Config and Data folders, in that order, each with CreateFolders.
+void CreateHomeFolders(const std::filesystem::path& home, Reporter& reporter);
 
 }  // namespace tavrel

@@ -39,7 +39,6 @@ class OrderedDict {
   OrderedDict(OrderedDict&&) noexcept = default;
   OrderedDict& operator=(OrderedDict&&) noexcept = default;
 
-  bool TextCompare() const { return textCompare_; }
   size_t Count() const { return entries_.size(); }
   bool Empty() const { return entries_.empty(); }
   bool Exists(std::string_view key) const { return index_.count(Fold(key)) != 0; }

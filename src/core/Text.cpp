@@ -16,11 +16,6 @@ std::string UCase(std::string_view s) {
   return out;
 }
 
-std::string LTrim(std::string_view s) {
-  size_t b = s.find_first_not_of(' ');
-  return b == std::string_view::npos ? std::string() : std::string(s.substr(b));
-}
-
 std::string RTrim(std::string_view s) {
   size_t e = s.find_last_not_of(' ');
   return e == std::string_view::npos ? std::string() : std::string(s.substr(0, e + 1));
@@ -78,6 +73,19 @@ std::vector<std::string> Split(std::string_view s, std::string_view delim) {
     parts.emplace_back(s.substr(start, at - start));
     start = at + delim.size();
   }
+}
+
+std::vector<std::string_view> SplitLines(std::string_view text) {
+  std::vector<std::string_view> lines;
+  size_t pos = 0;
+  while (pos < text.size()) {
+    size_t end = text.find_first_of("\r\n", pos);
+    if (end == std::string_view::npos) end = text.size();
+    lines.push_back(text.substr(pos, end - pos));
+    pos = end + 1;
+    if (end < text.size() && text[end] == '\r' && pos < text.size() && text[pos] == '\n') ++pos;
+  }
+  return lines;
 }
 
 std::string Join(const std::vector<std::string>& parts, std::string_view delim) {

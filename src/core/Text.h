@@ -17,7 +17,6 @@ std::string UCase(std::string_view s);
 
 // Trim blanks (the space character only, as the classic Trim does).
 std::string Trim(std::string_view s);
-std::string LTrim(std::string_view s);
 std::string RTrim(std::string_view s);
 
 bool EqualsNoCase(std::string_view a, std::string_view b);
@@ -29,6 +28,9 @@ size_t FindNoCase(std::string_view haystack, std::string_view needle, size_t pos
 // Split at every occurrence of delim. An empty text gives an empty list; otherwise every piece is kept,
 // empty ones included ("a,,b" gives three pieces).
 std::vector<std::string> Split(std::string_view s, std::string_view delim);
+// The lines of a text whose lines end in CR LF, LF or a lone CR, without their ends. A last line without
+// an end is kept; an empty text has no lines.
+std::vector<std::string_view> SplitLines(std::string_view text);
 std::string Join(const std::vector<std::string>& parts, std::string_view delim);
 // The pieces one after another, in one allocation.
 std::string Concat(std::initializer_list<std::string_view> pieces);

@@ -49,7 +49,6 @@ class ConnectionSlot : public ConnectionSink {
 
   const std::string& Tag() const { return tag_; }
   const std::string& RemoteIp() const { return remoteIp_; }
-  bool Sending() const { return !outbox_.empty() || body_ != nullptr; }
   void StopSendTimer() { sendTimer_->Stop(); }
 
   // The socket side: a connection was accepted on this slot; its request time limit starts.

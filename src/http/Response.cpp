@@ -1,34 +1,15 @@
 #include "http/Response.h"
 
-#include <cstdio>
-#include <iterator>
 #include <optional>
 #include <stdexcept>
 #include <utility>
 
 #include "core/FastString.h"
+#include "core/Files.h"
 #include "core/Text.h"
 #include "http/StaticFile.h"
 
 namespace tavrel {
-
-namespace {
-
-void Line(FastString& out, std::string_view text) {
-  out.Append(text);
-  out.Append("\r\n");
-}
-
-// The whole file, or nothing when it cannot be read.
-std::optional<std::string> ReadAll(const std::filesystem::path& file) {
-  std::ifstream in(file, std::ios::binary);
-  if (!in) return std::nullopt;
-  std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  if (in.bad()) return std::nullopt;
-  return text;
-}
-
-}  // namespace
 
 BinaryBody::BinaryBody(ConnectionSink& socket, std::ifstream file, std::string page, ServerLog* log,
                        Reporter& reporter)
@@ -67,18 +48,11 @@ bool BinaryBody::Finish() {
 void Response::SendTextString(const std::string& text) {
   if (AlreadyAnswered("TextString")) return;
   try {
-    FastString out;
-    out.Reserve(text.size() + 512);
-    Line(out, "HTTP/1.1 200 OK");
-    Line(out, "Server: zel");
-    Line(out, "Date: " + Date());
-    Line(out, "Expires: Tue, 04 Dec 1993 21:29:02 GMT");
-    Line(out, "Accept-Ranges: bytes");
-    Line(out, "Content-Type: text/html");
-    Line(out, "Content-Length: " + std::to_string(text.size()));
-    Line(out, "Cache-Control: no-cache");
-    Line(out, "Location: http://localhost:8080/other");
-    Line(out, "");
+    FastString out = Header("HTTP/1.1 200 OK", "Date: ",
+                            {"Expires: Tue, 04 Dec 1993 21:29:02 GMT", "Accept-Ranges: bytes",
+                             "Content-Type: text/html", "Content-Length: " + std::to_string(text.size()),
+                             "Cache-Control: no-cache", "Location: http://localhost:8080/other"});
+    out.Reserve(out.Length() + text.size());
     out.Append(text);
     std::string answer = std::move(out).ToString();
     if (ctx_.log) {
@@ -98,21 +72,16 @@ void Response::SendTextFile(std::string_view page) {
   if (AlreadyAnswered("TextFile " + std::string(page))) return;
   try {
     const auto file = ResolveStaticFile(ctx_.htmlFolder, page);
-    const auto text = file ? ReadAll(*file) : std::nullopt;
+    const auto text = file ? ReadWholeFile(*file) : std::nullopt;
     if (!text) {
       SendErrorResponse();
       return;
     }
     const std::string length = std::to_string(text->size());
-    FastString out;
-    Line(out, "HTTP/1.0 200 OK");
-    Line(out, "Server: zel");
-    Line(out, "Date: " + Date());
-    Line(out, "Accept-Ranges: bytes");
-    Line(out, "Content-Type: text/html");
-    Line(out, "Last-Modified " + FormatDateTime(FileDateTime(*file)));
-    Line(out, "Content-Length: " + length);
-    Line(out, "");
+    FastString out =
+        Header("HTTP/1.0 200 OK", "Date: ",
+               {"Accept-Ranges: bytes", "Content-Type: text/html",
+                "Last-Modified " + FormatDateTime(FileDateTime(*file)), "Content-Length: " + length});
     out.Append(*text);
     if (SendText(std::move(out).ToString())) {
       Debug({">>>>>>>>>>> SendingTextFile ", std::string(page), " to socket ", std::to_string(index()),
@@ -131,14 +100,9 @@ void Response::SendErrorResponse() {
   if (AlreadyAnswered("Error Response")) return;
   try {
     static constexpr std::string_view kBody = "<html><h1>404 File Not Found</h1></html>";
-    FastString out;
-    Line(out, "HTTP/1.1 200 Object Not Found");
-    Line(out, "Server: zel");
-    Line(out, "Date: " + Date());
-    Line(out, "Connection: Close");
-    Line(out, "Content-Type: text/html");
-    Line(out, "Content-Length: " + std::to_string(kBody.size()));
-    Line(out, "");
+    FastString out = Header(
+        "HTTP/1.1 200 Object Not Found", "Date: ",
+        {"Connection: Close", "Content-Type: text/html", "Content-Length: " + std::to_string(kBody.size())});
     out.Append(kBody);
     if (SendText(std::move(out).ToString())) {
       Debug({">>>>>>>>>>> SendingError  to socket ", std::to_string(index())});
@@ -158,27 +122,17 @@ void Response::SendBinaryFile(std::string_view page) {
     std::ifstream in;
     if (file) in.open(*file, std::ios::binary);
     if (!in.is_open()) {
-      FastString out;
-      Line(out, "HTTP/1.1 404 Not Found");
-      Line(out, "Server: zel");
-      Line(out, "Date:" + Date());
-      Line(out, "");
+      FastString out = Header("HTTP/1.1 404 Not Found", "Date:", {});
       // A connection that carried an earlier binary body must still close after this answer.
       socket_.SetTag("0");
       socket_.SendData(std::move(out).ToString());
       answered_ = true;
       return;
     }
-    FastString out;
-    Line(out, "HTTP/1.1 200 OK");
-    Line(out, "Server: zel");
-    Line(out, "Date:" + Date());
-    Line(out, "Last-Modified: " + FormatDateTime(FileDateTime(*file)));
-    Line(out, "Accept-Ranges: bytes");
-    Line(out, "Content-Length: " + std::to_string(std::filesystem::file_size(*file)));
-    Line(out, "Connection: Close");
-    Line(out, "Content-Type: " + GetContentType(page).type);
-    Line(out, "");
+    FastString out = Header("HTTP/1.1 200 OK", "Date:",
+                            {"Last-Modified: " + FormatDateTime(FileDateTime(*file)), "Accept-Ranges: bytes",
+                             "Content-Length: " + std::to_string(std::filesystem::file_size(*file)),
+                             "Connection: Close", "Content-Type: " + GetContentType(page).type});
     socket_.SetTag("1");
     Debug({">>>>>>>>>>> SendingBinaryHeader ", std::string(page), " to socket ", std::to_string(index())});
     socket_.SendData(std::move(out).ToString());
@@ -198,14 +152,9 @@ void Response::RedirectToHS(std::string_view address, const Request& request) {
     const std::string idx = std::to_string(index());
     FastString out;
     if (request.ServerVariables("http_user_agent").find("audrey") != std::string::npos) {
-      Line(out, "HTTP/1.0 307 NoSupport");
-      Line(out, "Server: zel");
-      Line(out, "Date: " + Date());
-      Line(out, "Connection: close");
-      Line(out, "Content-Type: text/html");
-      Line(out, "Location: " + location);
-      Line(out, "Content-Length: 0");
-      Line(out, "");
+      out = Header(
+          "HTTP/1.0 307 NoSupport", "Date: ",
+          {"Connection: close", "Content-Type: text/html", "Location: " + location, "Content-Length: 0"});
       Debug({">>>>>>>>>>> Redirect", page, " to location ", location, " socket ", idx});
     } else {
       // Everything here but the address comes from the network, so it is escaped.
@@ -222,14 +171,9 @@ void Response::RedirectToHS(std::string_view address, const Request& request) {
         }
       }
       body.Append("</form></HTML>");
-      Line(out, "HTTP/1.0 200 OK");
-      Line(out, "Server: zel");
-      Line(out, "Date: " + Date());
-      Line(out, "Connection: close");
-      Line(out, "Content-Type: text/html");
-      Line(out, "Location: " + location);
-      Line(out, "Content-Length: " + std::to_string(body.Length()));
-      Line(out, "");
+      out = Header("HTTP/1.0 200 OK", "Date: ",
+                   {"Connection: close", "Content-Type: text/html", "Location: " + location,
+                    "Content-Length: " + std::to_string(body.Length())});
       out.Append(body.ToString());
       Debug({">>>>>>>>>>> Resubmit", page, " to location ", location, " socket ", idx});
     }
@@ -245,15 +189,9 @@ void Response::RedirectToHS(std::string_view address, const Request& request) {
 void Response::SendStatus(std::string_view status, std::string_view text, std::string_view extraHeader) {
   if (AlreadyAnswered(status)) return;
   try {
-    FastString out;
-    Line(out, "HTTP/1.1 " + std::string(status));
-    Line(out, "Server: zel");
-    Line(out, "Date: " + Date());
-    if (!extraHeader.empty()) Line(out, extraHeader);
-    Line(out, "Connection: close");
-    Line(out, "Content-Type: text/plain");
-    Line(out, "Content-Length: " + std::to_string(text.size()));
-    Line(out, "");
+    FastString out = Header("HTTP/1.1 " + std::string(status), "Date: ",
+                            {extraHeader, "Connection: close", "Content-Type: text/plain",
+                             "Content-Length: " + std::to_string(text.size())});
     out.Append(text);
     if (SendText(std::move(out).ToString()))
       Debug({">>>>>>>>>>> ", std::string(status), " to socket ", std::to_string(index())});
@@ -261,8 +199,6 @@ void Response::SendStatus(std::string_view status, std::string_view text, std::s
     Fail("TCPSever_SendTextString ", e);
   }
 }
-
-void Response::Redirect(std::string_view) { SendTextString("<HTML>Unauthorized Access<HTML>"); }
 
 ContentType Response::GetContentType(std::string_view path) {
   auto has = [&](std::string_view ext) { return path.find(ext) != std::string_view::npos; };
@@ -283,7 +219,24 @@ bool Response::AlreadyAnswered(std::string_view what) const {
   return true;
 }
 
-std::string Response::Date() const { return FormatMediumDate(ctx_.clock.Now()); }
+FastString Response::Header(std::string_view statusLine, std::string_view dateField,
+                            std::initializer_list<std::string_view> fields) const {
+  FastString out;
+  for (std::string_view line : {statusLine, std::string_view("Server: zel")}) {
+    out.Append(line);
+    out.Append("\r\n");
+  }
+  out.Append(dateField);
+  out.Append(FormatMediumDate(ctx_.clock.Now()));
+  out.Append("\r\n");
+  for (std::string_view field : fields) {
+    if (field.empty()) continue;
+    out.Append(field);
+    out.Append("\r\n");
+  }
+  out.Append("\r\n");
+  return out;
+}
 
 bool Response::SendText(std::string answer) {
   // One answer per request, however often a script asks.

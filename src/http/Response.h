@@ -4,12 +4,14 @@
 #include <cstddef>
 #include <filesystem>
 #include <fstream>
+#include <initializer_list>
 #include <memory>
 #include <string>
 #include <string_view>
 #include <utility>
 
 #include "core/Clock.h"
+#include "core/FastString.h"
 #include "core/Reporter.h"
 #include "http/Request.h"
 #include "http/ServerLog.h"
@@ -110,16 +112,16 @@ class Response {
   // A short plain-text answer of its own status ("403 Forbidden"), with an extra header line if given,
   // that closes the connection: refusals and the web root's jump to the page.
   void SendStatus(std::string_view status, std::string_view text, std::string_view extraHeader = {});
-  void Send(const std::string& text) { SendTextString(text); }
-  // Pages may ask for a redirect; the answer is always the refusal page.
-  void Redirect(std::string_view location);
 
   static ContentType GetContentType(std::string_view path);
   // A page as the server's routes name its file: lower case, "\" between folders.
   static std::string PagePath(std::string_view page);
 
  private:
-  std::string Date() const;
+  // The header block of an answer: the status line, "Server: zel", dateField followed by the date, the
+  // non-empty fields in order, and the empty line that ends it.
+  FastString Header(std::string_view statusLine, std::string_view dateField,
+                    std::initializer_list<std::string_view> fields) const;
   // True (with a debug line) when the request already has its answer: one answer per request.
   bool AlreadyAnswered(std::string_view what) const;
   // Tag "0", then the answer to an open connection; false (nothing sent) when it is not open.

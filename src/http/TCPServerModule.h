@@ -63,8 +63,6 @@ class TCPServerModule : private ConnectionSlot::Owner {
   TCPServerModule(const TCPServerModule&) = delete;
   TCPServerModule& operator=(const TCPServerModule&) = delete;
 
-  void SetPageHandler(PageHandler* pages) { ctx_.pages = pages; }
-
   // Sockets 1 to kFirstSockets, nothing open, the cursor at 0: the state of a listener just started.
   void CreateSockets();
   // A connection is coming: grows the array while fewer than four sockets are spare, then takes the
@@ -91,9 +89,7 @@ class TCPServerModule : private ConnectionSlot::Owner {
   int SocketsOpen() const { return socketsOpen_; }
   // The highest socket index made so far (0: none).
   int SocketsDefined() const { return slots_.empty() ? 0 : static_cast<int>(slots_.size()) - 1; }
-  int NextSocketIndex() const { return nextSocketIndex_; }
   size_t QueueCount() const { return queue_.Count(); }
-  bool ServerTimerEnabled() const { return serverTimer_->Armed(); }
   // The slot of a connection socket, null for 0 or an index not made.
   ConnectionSlot* Slot(int index) const;
 

@@ -4,7 +4,7 @@
 #include <vector>
 
 #include "core/Reporter.h"
-#include "xap/XapGlobal.h"
+#include "xapsend/XapGlobal.h"
 
 namespace tavrel {
 

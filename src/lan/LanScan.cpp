@@ -1,12 +1,12 @@
 #include "lan/LanScan.h"
 
 #include <fstream>
-#include <iterator>
 #include <optional>
 #include <stdexcept>
 #include <system_error>
 #include <utility>
 
+#include "core/Files.h"
 #include "core/Text.h"
 
 namespace tavrel {
@@ -20,8 +20,8 @@ constexpr std::string_view kBuildLabel = "BuildARPTable";
 constexpr std::string_view kTimerLabel = "ARPTimer_Timer";
 
 // These two faults carry the run-time error numbers and texts of the classic runtime.
-const Err kNoDotInLocalIP{5, "Invalid procedure call or argument"};
-const Err kShortArpLine{9, "Subscript out of range"};
+const Err kNoDotInLocalIP{Err::kInvalidCall, "Invalid procedure call or argument"};
+const Err kShortArpLine{Err::kSubscriptOutOfRange, "Subscript out of range"};
 
 // "p0.log", "p21.bat": a scan file name of subnet number i. (Built by appending: g++ 12 warns falsely
 // on a literal + temporary string.)
@@ -40,29 +40,9 @@ void WriteBytes(const fs::path& file, const std::string& bytes) {
   if (!out) throw std::runtime_error("cannot write " + file.string());
 }
 
-std::string ReadBytes(const fs::path& file) {
-  std::ifstream in(file, std::ios::binary);
-  if (!in) throw std::runtime_error("cannot open " + file.string());
-  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
 void RemoveIfExists(const fs::path& file) {
   std::error_code ec;
   if (fs::exists(file, ec)) fs::remove(file);  // throws when it cannot
-}
-
-// Lines end in CR LF ("arp -a", CMD.EXE), LF or CR.
-std::vector<std::string> Lines(const std::string& text) {
-  std::vector<std::string> lines;
-  size_t start = 0;
-  for (size_t i = 0; i < text.size(); ++i) {
-    if (text[i] != '\r' && text[i] != '\n') continue;
-    lines.push_back(text.substr(start, i - start));
-    if (text[i] == '\r' && i + 1 < text.size() && text[i + 1] == '\n') ++i;
-    start = i + 1;
-  }
-  if (start < text.size()) lines.push_back(text.substr(start));
-  return lines;
 }
 
 // The pieces between single blanks, empty pieces left out.
@@ -290,16 +270,19 @@ void LanScan::ReadLog(const fs::path& file, std::vector<KeyValuePair>& arp) {
   try {
     std::error_code ec;
     if (!fs::exists(file, ec)) return;
-    text = ReadBytes(file);
+    auto bytes = ReadWholeFile(file);
+    if (!bytes) throw std::runtime_error("cannot open " + file.string());
+    text = std::move(*bytes);
   } catch (const std::exception& e) {
     reporter_.WriteLog(kModule, kTimerLabel, Err::From(e));
     return;
   }
-  for (const std::string& line : Lines(text)) {
+  // Lines end in CR LF ("arp -a", CMD.EXE), LF or CR.
+  for (std::string_view line : SplitLines(text)) {
     // Static, broadcast and interface lines never say "dynamic".
     if (line.find("dynamic") == std::string::npos) continue;
     try {
-      AddArpLine(line, arp);
+      AddArpLine(std::string(line), arp);
     } catch (const std::exception& e) {
       reporter_.WriteLog(kModule, kTimerLabel, Err::From(e));
     }

@@ -17,7 +17,7 @@
 #include "platform/Process.h"
 #include "settings/ComputerRegistry.h"
 #include "settings/Hs.h"
-#include "xap/XapGlobal.h"
+#include "xapsend/XapGlobal.h"
 
 namespace tavrel {
 

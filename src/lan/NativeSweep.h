@@ -2,7 +2,6 @@
 
 #include <chrono>
 #include <functional>
-#include <iosfwd>
 #include <memory>
 #include <string>
 #include <vector>
@@ -60,12 +59,12 @@ class NativeSweep {
   std::unique_ptr<Impl> impl_;
 };
 
+// True when the sweep probes the hosts of subnet (an "a.b.c" text): not 0.x.x, not 127.x.x loopback,
+// not 224 and above.
+bool IsSweptSubnet(const std::string& subnet);
+
 // The results of one subnet as "arp -a" prints them: per entry two blanks, the IP, blanks to column 24,
 // the MAC, blanks, "dynamic", line end; read back by the scan timer's log reader.
 std::string ArpLogText(const std::vector<ArpEntry>& entries);
-
-// `tavrel scan SUBNET...`: one sweep, printing "IP MAC" per line; exit code 0, or 2 with a message on err
-// for bad arguments.
-int ScanCommand(const std::vector<std::string>& subnets, std::ostream& out, std::ostream& err);
 
 }  // namespace tavrel

@@ -2,10 +2,9 @@
 
 #include <charconv>
 #include <climits>
-#include <fstream>
-#include <iterator>
 #include <utility>
 
+#include "core/Files.h"
 #include "core/Text.h"
 #include "http/StaticFile.h"
 
@@ -29,7 +28,7 @@ constexpr std::string_view kPrelude =
     "Set Response = pResponse\r\n"
     "End sub\r\n";
 
-[[noreturn]] void TypeMismatch() { throw ScriptError(13, "Type mismatch"); }
+[[noreturn]] void TypeMismatch() { throw ScriptError(Err::kTypeMismatch, "Type mismatch"); }
 
 // A name that climbs out of its folder or names a drive; such a name is never followed.
 bool LeavesFolder(std::string_view name) {
@@ -37,13 +36,6 @@ bool LeavesFolder(std::string_view name) {
     if (piece == ".." || piece.find(':') != std::string::npos) return true;
   }
   return false;
-}
-
-std::string ReadWhole(const fs::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  if (in.bad() || !in.is_open()) throw ScriptError(75, "Path/File access error");
-  return text;
 }
 
 }  // namespace
@@ -122,7 +114,7 @@ void HTMLIncludes::HTMLInit() {
 
 void HTMLIncludes::HTMLBuild() {
   try {
-    if (!control_) throw ScriptError(91, "Object variable or With block variable not set");
+    if (!control_) throw ScriptError(Err::kObjectNotSet, "Object variable or With block variable not set");
     for (std::string_view page : kIncludePages) AccumulateHTMLReferences(page, *control_);
     scriptInitialised_ = true;
   } catch (const std::exception& e) {
@@ -157,7 +149,9 @@ void HTMLIncludes::Accumulate(Folder folder, std::string_view fileName, platform
   }
   loading_.push_back(*path);
   try {
-    std::string code = ReadWhole(*path);
+    auto text = ReadWholeFile(*path);
+    if (!text) throw ScriptError(Err::kPathFileAccess, "Path/File access error");
+    std::string code = std::move(*text);
     if (html) code = PageToScript(code);
     // Included files go in first.
     code = CutIncludes(std::move(code), [&](const std::string& name, bool fromScripts) {
@@ -171,7 +165,7 @@ void HTMLIncludes::Accumulate(Folder folder, std::string_view fileName, platform
 }
 
 ScriptValue HTMLIncludes::Run(const std::string& routine, const std::vector<ScriptValue>& args) {
-  if (!control_) throw ScriptError(91, "Object variable or With block variable not set");
+  if (!control_) throw ScriptError(Err::kObjectNotSet, "Object variable or With block variable not set");
   return control_->Run(routine, args);
 }
 

@@ -30,7 +30,7 @@ struct RunTimeError : std::runtime_error {
 
 Err ErrOf(const std::exception& e) {
   const auto* rt = dynamic_cast<const RunTimeError*>(&e);
-  return Err::From(e, rt ? rt->number : 5);
+  return Err::From(e, rt ? rt->number : Err::kInvalidCall);
 }
 
 const std::string& RowField(const RemoteASP::Row& row, size_t field) {
@@ -79,7 +79,7 @@ std::string RemoteASP::RemotePage(Request& request, Response& response) {
 }
 
 void RemoteASP::RunScriptSteps(Request& request, Response& response) {
-  if (!ctx_.scripts) throw RunTimeError(91, "Object variable or With block variable not set");
+  if (!ctx_.scripts) throw RunTimeError(Err::kObjectNotSet, "Object variable or With block variable not set");
   HTMLIncludes& scripts = *ctx_.scripts;
   scriptRequest_ = std::make_shared<RequestObject>(request);
   scriptResponse_ = std::make_shared<ResponseObject>(response, request);
@@ -236,7 +236,7 @@ void RemoteASP::UpdateDisplay(FastString& page) {
       std::string colour = "yellow";
       DateTime seen = now;
       if (computer.lastSeen) {
-        if (!ParseDateTime(*computer.lastSeen, seen)) throw RunTimeError(13, "Type mismatch");
+        if (!ParseDateTime(*computer.lastSeen, seen)) throw RunTimeError(Err::kTypeMismatch, "Type mismatch");
         colour = DateDiffMinutes(seen, now) > 15 ? "Red" : "Green";
       }
       const long long age = std::clamp<long long>((now - seen).count(), std::numeric_limits<int32_t>::min(),
@@ -352,7 +352,7 @@ void RemoteASP::CollectChanges(Changes& changes) {
     return;
   }
   if (!Form("Refresh").empty()) return;
-  if (!rows_) throw RunTimeError(91, "Object variable or With block variable not set");
+  if (!rows_) throw RunTimeError(Err::kObjectNotSet, "Object variable or With block variable not set");
   const bool save = !Form("Save").empty();
   for (const Row& row : *rows_) ActOnRow(row, save, changes);
 }
@@ -411,7 +411,7 @@ void RemoteASP::ActOnRow(const Row& row, bool save, Changes& changes) {
                        "characters, \"=\" or \"~\"; no \";\" or \"[\" first; no blank at either end)."));
         break;
       case ComputerRegistry::Renamed::NotFound:
-        throw RunTimeError(32811, "Element not found");
+        throw RunTimeError(Err::kElementNotFound, "Element not found");
       case ComputerRegistry::Renamed::Renamed:
         break;
     }

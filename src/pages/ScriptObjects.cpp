@@ -20,11 +20,15 @@ namespace {
 // The argument list a member accepts; a call outside it fails as the script runtime would.
 void Arity(const std::vector<std::string>& args, size_t least, size_t most) {
   if (args.size() < least || args.size() > most)
-    throw ScriptError(450, "Wrong number of arguments or invalid property assignment");
+    throw ScriptError(Err::kWrongArgumentCount, "Wrong number of arguments or invalid property assignment");
 }
 
-[[noreturn]] void NotSet() { throw ScriptError(91, "Object variable or With block variable not set"); }
-[[noreturn]] void NoSuchMember() { throw ScriptError(438, "Object doesn't support this property or method"); }
+[[noreturn]] void NotSet() {
+  throw ScriptError(Err::kObjectNotSet, "Object variable or With block variable not set");
+}
+[[noreturn]] void NoSuchMember() {
+  throw ScriptError(Err::kNoSuchMember, "Object doesn't support this property or method");
+}
 
 // A few named values (a KeyValuePair, a content type); a member named "" is the record's default.
 class RecordObject final : public ScriptObject {
@@ -63,7 +67,7 @@ class CollectionObject final : public ScriptObject {
     long long position = 0;
     if (ParseInt(Trim(a[0]), 1, static_cast<long long>(items_.size()), position))
       return items_[static_cast<size_t>(position - 1)];
-    throw ScriptError(5, "Invalid procedure call or argument");
+    throw ScriptError(Err::kInvalidCall, "Invalid procedure call or argument");
   }
   std::optional<std::vector<ScriptValue>> Items() override { return items_; }
 
@@ -120,8 +124,8 @@ const std::string& ConfigFile(const std::string& name) {
   std::string shown = name.substr(0, 80);
   for (char& c : shown)
     if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F) c = '?';
-  throw ScriptError(
-      52, "Bad file name or number: \"" + shown + "\" is not a plain file name of the Config folder");
+  throw ScriptError(Err::kBadFileName, "Bad file name or number: \"" + shown +
+                                           "\" is not a plain file name of the Config folder");
 }
 
 enum HsMember : size_t {
@@ -279,7 +283,7 @@ ScriptValue ResponseObject::Call(size_t member, const std::vector<std::string>& 
   switch (member) {
     case kSend:
       Arity(a, 1, 1);
-      r.Send(a[0]);
+      r.SendTextString(a[0]);
       return {};
     case kSendTextString:
       Arity(a, 2, 2);
@@ -317,8 +321,9 @@ ScriptValue ResponseObject::Call(size_t member, const std::vector<std::string>& 
           names, std::vector<ScriptValue>{type.type, type.type, type.isText, type.isScript});
     }
     case kRedirect:
+      // A page may ask for a redirect; the answer is always the refusal page.
       Arity(a, 1, 1);
-      r.Redirect(a[0]);
+      r.SendTextString("<HTML>Unauthorized Access<HTML>");
       return {};
     default:
       NoSuchMember();
@@ -327,11 +332,12 @@ ScriptValue ResponseObject::Call(size_t member, const std::vector<std::string>& 
 
 void ResponseObject::CheckIndex(const std::string& index) const {
   long long socket = 0;
-  if (!ParseInt(Trim(index), -32768, 32767, socket)) throw ScriptError(13, "Type mismatch");
+  if (!ParseInt(Trim(index), -32768, 32767, socket)) throw ScriptError(Err::kTypeMismatch, "Type mismatch");
   if (socket != response_->index()) {
-    throw ScriptError(5, "Invalid procedure call or argument: socket " + std::to_string(socket) +
-                             " is not the connection of this request (" + std::to_string(response_->index()) +
-                             ")");
+    throw ScriptError(Err::kInvalidCall, "Invalid procedure call or argument: socket " +
+                                             std::to_string(socket) +
+                                             " is not the connection of this request (" +
+                                             std::to_string(response_->index()) + ")");
   }
 }
 

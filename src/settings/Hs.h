@@ -76,7 +76,6 @@ class Hs {
   void SetSunrise(std::string value) { sunrise_ = std::move(value); }
   void SetSunset(std::string value) { sunset_ = std::move(value); }
 
-  const std::filesystem::path& ConfigFolder() const { return configFolder_; }
   // The file's path in the Config folder; throws std::invalid_argument for a name IsConfigFileName refuses.
   std::filesystem::path FilePath(std::string_view file) const;
 

@@ -7,6 +7,7 @@
 #include <system_error>
 #include <utility>
 
+#include "core/Files.h"
 #include "core/Folders.h"
 #include "core/Text.h"
 #include "platform/LineEnd.h"
@@ -47,27 +48,14 @@ std::string_view CleanLine(std::string_view line) {
   return line.substr(begin, end - begin + 1);
 }
 
-Err FileError(const std::error_code& ec) { return Err::Of(ec.message(), ec.value() != 0 ? ec.value() : 75); }
+Err FileError(const std::error_code& ec) {
+  return Err::Of(ec.message(), ec.value() != 0 ? ec.value() : Err::kPathFileAccess);
+}
 
 // The error of a failed stream operation: errno when the runtime set it.
 Err StreamError(int savedErrno) {
-  if (savedErrno == 0) return Err::Of("Path/File access error", 75);
+  if (savedErrno == 0) return Err::Of("Path/File access error", Err::kPathFileAccess);
   return FileError(std::error_code(savedErrno, std::generic_category()));
-}
-
-std::string ReadWholeFile(const fs::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) throw std::system_error(errno, std::generic_category(), "cannot open the file");
-  std::string text;
-  in.seekg(0, std::ios::end);
-  auto size = in.tellg();
-  in.seekg(0, std::ios::beg);
-  if (size > 0) {
-    text.resize(static_cast<size_t>(size));
-    in.read(text.data(), size);
-    text.resize(static_cast<size_t>(in.gcount()));
-  }
-  return text;
 }
 
 struct Row {
@@ -107,14 +95,7 @@ void TakeLine(std::string_view line, std::string& sectionKey, OrderedDict<std::s
 void Parse(std::string_view text, OrderedDict<std::string>& table, Reporter& reporter) {
   if (text.starts_with(kByteOrderMark)) text.remove_prefix(kByteOrderMark.size());
   std::string sectionKey;  // lines before the first header belong to the section ""
-  size_t pos = 0;
-  while (pos < text.size()) {
-    size_t end = text.find_first_of("\r\n", pos);
-    if (end == std::string_view::npos) end = text.size();
-    TakeLine(CleanLine(text.substr(pos, end - pos)), sectionKey, table, reporter);
-    pos = end + 1;
-    if (end < text.size() && text[end] == '\r' && pos < text.size() && text[pos] == '\n') ++pos;
-  }
+  for (std::string_view line : SplitLines(text)) TakeLine(CleanLine(line), sectionKey, table, reporter);
 }
 
 // Every entry whose key holds the separator is a row: header before it, key after it.
@@ -221,10 +202,12 @@ void IniTool::Load(const fs::path& fileName) {
     }
     // Anything but a plain file (a folder, a pipe) reads as empty instead of blocking or failing later.
     if (!fs::is_regular_file(status)) {
-      reporter_.WriteLog(kModule, "IniTool Load ", Err::Of("Path/File access error", 75));
+      reporter_.WriteLog(kModule, "IniTool Load ", Err::Of("Path/File access error", Err::kPathFileAccess));
       return;
     }
-    LoadText(ReadWholeFile(fileName));
+    const auto text = ReadWholeFile(fileName);
+    if (!text) throw std::system_error(errno, std::generic_category(), "cannot open the file");
+    LoadText(*text);
   } catch (const std::exception& e) {
     reporter_.WriteLog(kModule, "IniTool Load ", Err::From(e));
   }
@@ -313,7 +296,7 @@ std::vector<std::string> IniTool::Keys(std::string_view section) const {
 
 void IniTool::Save() {
   if (fileName_.empty()) {
-    reporter_.WriteLog(kModule, "IniTool Save ", Err::Of("Bad file name or number", 52));
+    reporter_.WriteLog(kModule, "IniTool Save ", Err::Of("Bad file name or number", Err::kBadFileName));
     return;
   }
   try {

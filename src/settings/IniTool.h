@@ -25,7 +25,6 @@ class IniTool {
   void LoadText(std::string_view text);
   // The text Save writes: sections sorted, keys sorted within each, names upper case, values as written.
   std::string ToText() const;
-  void DumpHashTable() {}
   std::string Read(std::string_view section, std::string_view key, std::string_view defaultValue) const;
   void WriteKey(std::string_view section, std::string_view key, std::string_view value);
   // Writes the pairs into the section as that many rounds of Load, WriteKey and Save on one file would,

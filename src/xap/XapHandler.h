@@ -11,7 +11,7 @@
 #include "core/Reporter.h"
 #include "settings/ComputerRegistry.h"
 #include "settings/Hs.h"
-#include "xap/XapGlobal.h"
+#include "xapsend/XapGlobal.h"
 
 namespace tavrel {
 

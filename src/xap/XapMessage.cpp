@@ -10,24 +10,6 @@ namespace tavrel {
 
 namespace {
 
-// Runtime error numbers the log lines carry, as the original runtime numbered them.
-constexpr long kSubscriptOutOfRange = 9;
-constexpr long kKeyAlreadyUsed = 457;
-
-std::vector<std::string_view> SplitLines(std::string_view text) {
-  std::vector<std::string_view> lines;
-  size_t start = 0;
-  while (true) {
-    size_t at = text.find('\n', start);
-    if (at == std::string_view::npos) {
-      lines.push_back(text.substr(start));
-      return lines;
-    }
-    lines.push_back(text.substr(start, at - start));
-    start = at + 1;
-  }
-}
-
 std::vector<std::string> SplitAddress(std::string_view address) { return Split(LCase(address), "."); }
 
 }  // namespace
@@ -69,8 +51,6 @@ void XapMessage::AddItem(std::string_view key, std::string_view value) {
 
 std::string XapMessage::ToXap() const { return output_ + "}\n"; }
 
-void XapMessage::ClearText() { output_.clear(); }
-
 // Parsing goes on after a duplicate block name or key: the first block or line keeps the name, and the
 // rest of the message is still read. Only the first failure of a text is logged, so a hostile datagram
 // full of duplicates costs one log line, as a failure that ended the parse would.
@@ -82,7 +62,8 @@ void XapMessage::FromXap(std::string_view text) {
     logged = true;
   };
   try {
-    const std::vector<std::string_view> lines = SplitLines(text);
+    // Only a line feed ends a line: a received CR stays in the value.
+    const std::vector<std::string> lines = Split(text, "\n");
     if (FindNoCase(lines[0], "xap-header") == std::string_view::npos) return;
     int block = -1;
     for (size_t i = 2; i < lines.size(); ++i) {
@@ -90,11 +71,12 @@ void XapMessage::FromXap(std::string_view text) {
       if (line == "}") {
         ++block;
         if (++i >= lines.size()) {
-          fail(Err::Of("Subscript out of range", kSubscriptOutOfRange));
+          fail(Err::Of("Subscript out of range", Err::kSubscriptOutOfRange));
           return;
         }
         if (!blockIndex_.Add(LCase(lines[i]), block)) {
-          fail(Err::Of("This key is already associated with an element of this collection", kKeyAlreadyUsed));
+          fail(Err::Of("This key is already associated with an element of this collection",
+                       Err::kKeyAlreadyUsed));
         }
         if (blocks_.size() < static_cast<size_t>(block) + 1) blocks_.resize(static_cast<size_t>(block) + 1);
         blocks_[static_cast<size_t>(block)] = OrderedDict<std::string>();
@@ -115,7 +97,8 @@ void XapMessage::FromXap(std::string_view text) {
           msgTarget = std::move(value);
         }
       } else if (!blocks_[static_cast<size_t>(block)].Add(key, std::string(line))) {
-        fail(Err::Of("This key is already associated with an element of this collection", kKeyAlreadyUsed));
+        fail(Err::Of("This key is already associated with an element of this collection",
+                     Err::kKeyAlreadyUsed));
       }
     }
   } catch (const std::exception& e) {
@@ -136,24 +119,9 @@ std::string XapMessage::GetItem(std::string_view section, std::string_view key) 
   }
 }
 
-std::vector<std::string> XapMessage::msgSection() const {
-  if (blockIndex_.Empty()) return {std::string()};
-  std::vector<std::string> names = blockIndex_.Keys();
-  if (names.size() < 2) throw std::out_of_range("Subscript out of range");
-  names.pop_back();
-  return names;
-}
-
-const OrderedDict<std::string>* XapMessage::msgCollection(int index) const {
-  if (index < 0 || static_cast<size_t>(index) >= blocks_.size()) return nullptr;
-  return &blocks_[static_cast<size_t>(index)];
-}
-
 bool XapMessage::CompareClass(std::string_view className) const {
   return LCase(className) == LCase(msgClass);
 }
-
-bool XapMessage::CompareSource(std::string_view pattern) const { return CompareAddress(pattern, msgSource); }
 
 bool XapMessage::CompareTarget(std::string_view pattern) const { return CompareAddress(pattern, msgTarget); }
 

@@ -11,7 +11,7 @@ namespace tavrel {
 
 // One xAP message: built line by line for sending, or parsed from received text. Building and parsing
 // are independent: parsing never touches the output text and building never touches the blocks.
-// No operation throws except msgSection on a message whose only block is the trailing empty one.
+// No operation throws.
 class XapMessage {
  public:
   // reporter receives the file-log lines of failed operations ("From XAP", "GetItem", ...); may be null.
@@ -29,21 +29,13 @@ class XapMessage {
   void AddItem(std::string_view key, std::string_view value);
   // The output text followed by "}\n".
   std::string ToXap() const;
-  void ClearText();
-  void Reset() {}
 
   // Reading.
   void FromXap(std::string_view text);
   // The raw value after the first "=" of the item line (untrimmed); "Unknown" for a missing block or key.
   std::string GetItem(std::string_view section, std::string_view key) const;
-  // Received block names in order, less the last (the empty block after the final "}"). A message with no
-  // blocks gives {""}; one whose only block is that empty one throws std::out_of_range.
-  std::vector<std::string> msgSection() const;
-  // The raw item lines of block index, keyed by trimmed lower-case key; null when there is no such block.
-  const OrderedDict<std::string>* msgCollection(int index) const;
 
   bool CompareClass(std::string_view className) const;
-  bool CompareSource(std::string_view pattern) const;
   bool CompareTarget(std::string_view pattern) const;
   // Wildcard address match: "*" matches one part, ">" the rest; either side may carry them.
   bool CompareAddress(std::string_view a, std::string_view b) const;

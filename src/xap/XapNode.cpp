@@ -32,11 +32,6 @@ void XapNode::SetXapSource(std::string value) {
   RebuildTexts();
 }
 
-void XapNode::SetXapTarget(std::string value) {
-  xapTarget_ = std::move(value);
-  RebuildTexts();
-}
-
 void XapNode::SetXapUID(std::string value) {
   xapUID_ = std::move(value);
   RebuildTexts();
@@ -67,7 +62,8 @@ void XapNode::SendHeartbeat(long interval) {
     }
     const long ms = interval * 1000;
     if (ms > kMaxTimerInterval) {
-      reporter_.WriteLog(kModule, "SendHeartbeat", Err{380, "Invalid property value", 0});
+      reporter_.WriteLog(kModule, "SendHeartbeat",
+                         Err::Of("Invalid property value", Err::kInvalidPropertyValue));
       return;
     }
     heartbeatMs_ = ms;

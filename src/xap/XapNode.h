@@ -10,7 +10,7 @@
 
 #include "core/Reporter.h"
 #include "core/Timer.h"
-#include "xap/XapGlobal.h"
+#include "xapsend/XapGlobal.h"
 
 // windows.h, which Asio pulls in there, maps GetMessage to GetMessageA; the node has its own.
 #undef GetMessage
@@ -44,8 +44,6 @@ class XapNode : public XapSendOperation {
   XapNode(const XapNode&) = delete;
   XapNode& operator=(const XapNode&) = delete;
 
-  const std::string& XapClass() const { return xapClass_; }
-  void SetXapClass(std::string value) { xapClass_ = std::move(value); }
   // "Default" (any case) means 255.255.255.255 once the transport starts.
   const std::string& BroadcastAddress() const { return broadcastAddress_; }
   void SetBroadcastAddress(std::string value) { broadcastAddress_ = std::move(value); }
@@ -53,12 +51,8 @@ class XapNode : public XapSendOperation {
   void SetInterfaceAddress(std::string value) { interfaceAddress_ = std::move(value); }
   const std::string& XapSource() const { return xapSource_; }
   void SetXapSource(std::string value);
-  const std::string& XapTarget() const { return xapTarget_; }
-  void SetXapTarget(std::string value);
-  const std::string& XapUID() const { return xapUID_; }
   void SetXapUID(std::string value);
   // When set, only messages with an "xap-header" are queued (heartbeats are not).
-  bool FilterHeartbeats() const { return filterHeartbeats_; }
   void SetFilterHeartbeats(bool value) { filterHeartbeats_ = value; }
   // The xAP port: every datagram goes there, and the listening socket tries it first.
   int Port() const { return port_; }
@@ -90,11 +84,8 @@ class XapNode : public XapSendOperation {
   void Send(const std::string& target, const std::string& msgClass, const std::string& section,
             const std::string& body) override;
 
-  // "xap-header" ... "uid=<UID>", each line ended by a line feed.
-  const std::string& HeaderPrefix() const { return headerPrefix_; }
-  // The heartbeat up to "interval=", and the tail ("0", then the port line and "}").
+  // The heartbeat up to "interval=".
   const std::string& HeartbeatText() const { return heartbeatText_; }
-  const std::string& HeartbeatTail() const { return heartbeatTail_; }
   // The heartbeat timer: its interval in ms (0 when stopped) and whether it runs.
   long HeartbeatTimerInterval() const { return heartbeatMs_; }
   bool HeartbeatTimerEnabled() const { return heartbeatTimer_->Armed(); }
@@ -118,18 +109,18 @@ class XapNode : public XapSendOperation {
   void SendText(const std::string& text, std::string_view label);
 
   DatagramSink& sink_;
-  std::string xapClass_;
   std::string broadcastAddress_ = "Default";
   std::string interfaceAddress_ = "Default";
   std::string xapSource_;
-  std::string xapTarget_;
   std::string xapUID_;
   bool filterHeartbeats_ = true;
   int port_ = kDefaultPort;
   int localPort_ = 0;
 
+  // "xap-header" ... "uid=<UID>", each line ended by a line feed.
   std::string headerPrefix_;
   std::string heartbeatText_;
+  // What follows the interval: "0", then the port line and "}".
   std::string heartbeatTail_;
 
   std::unique_ptr<Timer> heartbeatTimer_;

@@ -2,7 +2,6 @@
 
 #include <exception>
 
-#include "core/Folders.h"
 #include "core/Text.h"
 #include "platform/Host.h"
 
@@ -11,8 +10,6 @@ namespace tavrel {
 namespace {
 
 constexpr std::string_view kDefaultPort = "3639";
-// The runtime's "Type mismatch": a port setting that is no number.
-constexpr long kTypeMismatch = 13;
 
 // Runs one step; a failure is logged and the next step still runs.
 template <class Step>
@@ -26,14 +23,10 @@ void Guarded(Reporter& reporter, Step step) {
 
 }  // namespace
 
-XapStartup InitXap(const std::filesystem::path& home, Hs& hs, Reporter& reporter) {
+XapStartup InitXap(Hs& hs, Reporter& reporter) {
   XapStartup startup;
-  startup.AppPath = home;
   Guarded(reporter, [&] { startup.LocalComputerName = platform::ComputerName(); });
   Guarded(reporter, [&] { startup.ExecutablePath = platform::ExecutablePath().string(); });
-  // The last piece, "x", stands for a file name and is never created.
-  Guarded(reporter, [&] { CreateFolders((home / "Config" / "x").string(), reporter); });
-  Guarded(reporter, [&] { CreateFolders((home / "Data" / "x").string(), reporter); });
   Guarded(reporter, [&] {
     startup.InterfaceAddress = hs.GetINISetting("Interface", "InterfaceAddress", "Default", kXapIniFile);
   });
@@ -49,7 +42,7 @@ XapStartup InitXap(const std::filesystem::path& home, Hs& hs, Reporter& reporter
       reporter.WriteLog(
           kModule, "InitXap",
           Err::Of("Port \"" + port + "\" is no port number; " + std::string(kDefaultPort) + " used",
-                  kTypeMismatch));
+                  Err::kTypeMismatch));
     }
   });
   return startup;

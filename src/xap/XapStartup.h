@@ -1,6 +1,5 @@
 #pragma once
 
-#include <filesystem>
 #include <string>
 
 #include "core/Reporter.h"
@@ -14,7 +13,6 @@ inline constexpr std::string_view kXapIniFile = "zelXap.ini";
 // What the program learns before it starts the xAP transport.
 struct XapStartup {
   std::string LocalComputerName;
-  std::filesystem::path AppPath;
   std::string ExecutablePath;
   std::string InterfaceAddress = "Default";
   std::string BroadcastAddress = "Default";
@@ -22,9 +20,9 @@ struct XapStartup {
   int Port = 3639;
 };
 
-// Reads this machine's name and the program's paths, makes sure the Config and Data folders exist and
-// reads section "Interface" of zelXap.ini. Failures are logged as "InitXap"; every value not read keeps
+// Reads this machine's name and the program's paths and section "Interface" of zelXap.ini (the caller
+// has made the home's folders). Failures are logged as "InitXap"; every value not read keeps
 // its default.
-XapStartup InitXap(const std::filesystem::path& home, Hs& hs, Reporter& reporter);
+XapStartup InitXap(Hs& hs, Reporter& reporter);
 
 }  // namespace tavrel

@@ -18,7 +18,8 @@ Err SocketErr(const std::error_code& ec) { return Err{ec.value(), ec.message(), 
 
 // What the socket control said when asked to send while closed.
 Err NotOpenErr() {
-  return Err{40006, "Wrong protocol or connection state for the requested transaction or request", 0};
+  return Err{Err::kWrongSocketState,
+             "Wrong protocol or connection state for the requested transaction or request", 0};
 }
 
 bool IsDefault(std::string_view setting) { return setting.empty() || EqualsNoCase(setting, "default"); }

@@ -64,6 +64,9 @@ TEST(Folders, ChainStopsBeforeTheFileNameAndMissingFoldersAreCreated) {
   ASSERT_EQ(reporter.calls.size(), 1u);
   EXPECT_EQ(reporter.calls[0].module + "|" + reporter.calls[0].text, "tavrel| CreateFolders ");
   EXPECT_TRUE(reporter.calls[0].err.IsSet());
+  CreateHomeFolders(dir.Path() / "home", reporter);
+  EXPECT_TRUE(std::filesystem::is_directory(dir.Path() / "home" / "Config") &&
+              std::filesystem::is_directory(dir.Path() / "home" / "Data"));
 }
 
 }  // namespace

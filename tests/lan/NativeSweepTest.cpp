@@ -6,6 +6,7 @@
 
 #include "core/Text.h"
 #include "lan/NativeSweep.h"
+#include "lan/ScanCommand.h"
 #include "lan/Subnet.h"
 #include "platform/LineEnd.h"
 #include "platform/NeighbourWire.h"

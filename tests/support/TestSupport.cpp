@@ -2,9 +2,10 @@
 
 #include <atomic>
 #include <fstream>
-#include <iterator>
 #include <random>
 #include <thread>
+
+#include "core/Files.h"
 
 namespace tavrel::test {
 
@@ -22,10 +23,7 @@ TempDir::~TempDir() {
   std::filesystem::remove_all(path_, ec);
 }
 
-std::string ReadFile(const std::filesystem::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-}
+std::string ReadFile(const std::filesystem::path& path) { return ReadWholeFile(path).value_or(""); }
 
 void WriteFile(const std::filesystem::path& path, const std::string& bytes) {
   if (path.has_parent_path()) std::filesystem::create_directories(path.parent_path());

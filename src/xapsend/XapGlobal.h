@@ -38,7 +38,6 @@ class XapGlobal {
 
   // Attaches the transport once it is up (nullptr takes it down again).
   void SetTransport(XapSendOperation* transport) { transport_ = transport; }
-  bool IsUp() const { return transport_ != nullptr; }
   const std::vector<XapQueuedMessage>& Pending() const { return pending_; }
 
  private:
