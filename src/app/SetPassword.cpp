@@ -8,6 +8,7 @@
 #include "http/PasswordHash.h"
 #include "platform/Console.h"
 #include "settings/Hs.h"
+#include "settings/Settings.h"
 
 namespace tavrel {
 
@@ -33,12 +34,12 @@ std::optional<std::string> AskPassword(std::ostream& err) {
 
 int Clear(Hs& hs, std::ostream& out, std::ostream& err) {
   const std::string path = hs.FilePath(kIniFile).string();
-  if (hs.GetINISetting(kPasswordHashSection, kPasswordHashKey, "", kIniFile).empty()) {
+  if (ReadWolSettings(hs).passwordHash.empty()) {
     out << "tavrel: no password was set in " << path << "; the page is open to the allowed networks\n";
     return 0;
   }
   hs.RemoveIniSetting(kPasswordHashSection, kPasswordHashKey, kIniFile);
-  if (!hs.GetINISetting(kPasswordHashSection, kPasswordHashKey, "", kIniFile).empty()) {
+  if (!ReadWolSettings(hs).passwordHash.empty()) {
     err << "tavrel: set-password: could not remove the password from " << path << "\n";
     return 1;
   }
@@ -63,7 +64,7 @@ int SetPasswordCommand(const std::filesystem::path& home, bool clear, Reporter& 
   }
   const std::string path = hs.FilePath(kIniFile).string();
   hs.SaveIniSetting(kPasswordHashSection, kPasswordHashKey, hash, kIniFile);  // makes Config/ when missing
-  if (hs.GetINISetting(kPasswordHashSection, kPasswordHashKey, "", kIniFile) != hash) {
+  if (ReadWolSettings(hs).passwordHash != hash) {
     err << "tavrel: set-password: could not write the password to " << path << "\n";
     return 1;
   }

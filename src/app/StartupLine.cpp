@@ -4,6 +4,7 @@
 #include "core/Text.h"
 #include "http/Guard.h"
 #include "http/TCPServer.h"
+#include "settings/Settings.h"
 #include "xap/XapTransport.h"
 
 namespace tavrel {
@@ -27,7 +28,7 @@ std::string StartupLine(Tavrel& app, const std::filesystem::path& home) {
   if (server != nullptr && server->Listening()) {
     line += "; page http://localhost:" + std::to_string(server->LocalPort()) + "/wol";
     if (const Guard* guard = app.ServerGuard()) line += " for " + guard->Describe();
-  } else if (Replace(app.HTTPPortSetting(), "\"", "").empty()) {
+  } else if (HttpPortText(app.HTTPPortSetting()).empty()) {
     line += "; web server off (HTTPPort=\"\")";
   } else {
     line += "; web server failed to listen on HTTPPort " + app.HTTPPortSetting();

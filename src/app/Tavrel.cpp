@@ -14,6 +14,7 @@
 #include "pages/RemoteASP.h"
 #include "pages/StaticFiles.h"
 #include "platform/Host.h"
+#include "settings/Settings.h"
 #include "xap/XapHandler.h"
 #include "xap/XapTransport.h"
 
@@ -48,7 +49,7 @@ bool Tavrel::form_load() {
     computers_.Clear();
     CreateHomeFolders(home_, log_);
     startup_ = InitXap(hs_, log_);
-    httpPortSetting_ = hs_.GetINISetting("WOL", "HTTPPort", "8019", kIniFile);
+    httpPortSetting_ = ReadWolSettings(hs_).httpPort;
     if (!StartXap()) return false;
     LoadIni();
     ShowTrayIcon();
@@ -92,6 +93,7 @@ bool Tavrel::StartXap() {
 // The web server and its page. A fresh home gets the page's images and style sheet first; a server that
 // cannot listen has reported why, and the rest of the program runs on without it.
 void Tavrel::StartServer() {
+  const WolSettings wol = ReadWolSettings(hs_);
   WriteStaticFiles(home_ / "HTML", log_);
   CreateFolders((home_ / "Data" / "tavrel" / "x").string(), log_);
   if (options_.debug)
@@ -101,22 +103,21 @@ void Tavrel::StartServer() {
   pages_ = std::make_unique<RemoteASP>(
       PageContext{computers_, hs_, clock_, log_,
                   PageActions::ForLan(*lanScan_, xapGlobal_, log_, [this] { return transport_->LocalIP(); }),
-                  scripts_.get(), hs_.GetINISetting("WOL", "ScriptPages", "0", kIniFile) == "1"});
+                  scripts_.get(), wol.scriptPages});
+  // Who may use the page is looked up for every request: a user may change it while the program runs.
   guard_ = std::make_unique<Guard>(Guard::Context{
       clock_, log_,
       [this] {
-        const Hs::Pin pin(hs_);
-        return Guard::Settings{hs_.GetINISetting("WOL", "HTTPAllow", "", kIniFile),
-                               hs_.GetINISetting("WOL", "HTTPHosts", "", kIniFile),
-                               hs_.GetINISetting(kPasswordHashSection, kPasswordHashKey, "", kIniFile)};
+        WolSettings now = ReadWolSettings(hs_);
+        return Guard::Settings{std::move(now.httpAllow), std::move(now.httpHosts),
+                               std::move(now.passwordHash)};
       },
       startup_.LocalComputerName, platform::LocalIPv4Networks, VerifyPassword, IsPasswordHash});
   TCPServer::Settings settings;
   settings.httpPort = httpPortSetting_;
-  const std::string hsAddress = hs_.GetINISetting("WOL", "HSAddress", "", kIniFile);
-  settings.hsNamed = !hsAddress.empty();
-  settings.hsAddress = settings.hsNamed ? hsAddress : "127.0.0.1";
-  settings.hsWebPort = hs_.GetINISetting("WOL", "HSWebPort", "80", kIniFile);
+  settings.hsNamed = !wol.hsAddress.empty();
+  settings.hsAddress = settings.hsNamed ? wol.hsAddress : "127.0.0.1";
+  settings.hsWebPort = wol.hsWebPort;
   server_ = std::make_unique<TCPServer>(io_, timers_, clock_, log_, home_ / "HTML", settings,
                                         serverLog_.get(), pages_.get(), guard_.get());
   server_->Form_Load();
@@ -150,7 +151,7 @@ void Tavrel::TrayIconCallback(long msg) {
 
 // The page in the user's browser, on the port the web server takes from the same setting.
 void Tavrel::OpenPage() {
-  const long port = TCPServer::PortNumber(httpPortSetting_);
+  const long port = HttpPortNumber(httpPortSetting_);
   if (port <= 0 || port > 65535) {
     log_.WriteLog(kModule, "Browser: no page to open, HTTPPort " + httpPortSetting_ + " names no port");
     return;

@@ -9,6 +9,7 @@
 #include <asio/ip/tcp.hpp>
 
 #include "core/Text.h"
+#include "settings/Settings.h"
 
 namespace tavrel {
 
@@ -19,17 +20,6 @@ using asio::ip::tcp;
 constexpr auto kAcceptRetry = std::chrono::milliseconds(100);
 
 }  // namespace
-
-long TCPServer::PortNumber(std::string_view setting) {
-  const std::string text = Replace(setting, "\"", "");
-  size_t i = 0;
-  while (i < text.size() && (text[i] == ' ' || text[i] == '\t')) ++i;
-  long value = 0;
-  for (; i < text.size() && std::isdigit(static_cast<unsigned char>(text[i])) && value < 1000000; ++i) {
-    value = value * 10 + (text[i] - '0');
-  }
-  return value;
-}
 
 struct TCPServer::Listener {
   explicit Listener(asio::io_context& io) : acceptor(io) {}
@@ -131,8 +121,8 @@ TCPServer::~TCPServer() { Form_Unload(); }
 
 bool TCPServer::Form_Load() {
   try {
-    const std::string port = Replace(settings_.httpPort, "\"", "");
-    const long value = PortNumber(port);
+    const std::string port = HttpPortText(settings_.httpPort);
+    const long value = HttpPortNumber(port);
     if (port.empty() || value == localPort_) return Listening();
     if (value > 65535) throw std::invalid_argument("HTTPPort " + port + " is not a port");
     auto listener = std::make_shared<Listener>(io_);

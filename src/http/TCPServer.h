@@ -17,8 +17,8 @@ namespace tavrel {
 class TCPServer final : public TCPServerModule {
  public:
   struct Settings {
-    // "HTTPPort" of section "WOL" as read (default "8019"); double quotes are removed here. Empty, or
-    // no number, means no listener.
+    // "HTTPPort" of section "WOL" as written (HttpPortText, HttpPortNumber read it). Empty, or no
+    // number, means no listener.
     std::string httpPort = "8019";
     // "HSAddress" and "HSWebPort" of section "WOL": where everything not ours is redirected.
     std::string hsAddress = "127.0.0.1";
@@ -40,10 +40,6 @@ class TCPServer final : public TCPServerModule {
   bool Form_Load();
   // Closes the listener and every connection; may be called again.
   void Form_Unload();
-
-  // The port an "HTTPPort" setting names, as the server reads it: double quotes removed, leading blanks
-  // skipped, then the digits up to the first other character; 0 when there are none.
-  static long PortNumber(std::string_view setting);
 
   bool Listening() const { return localPort_ != 0; }
   int LocalPort() const { return localPort_; }

@@ -8,6 +8,7 @@
 
 #include "core/Files.h"
 #include "core/Text.h"
+#include "settings/Settings.h"
 
 namespace tavrel {
 
@@ -15,7 +16,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr std::string_view kWol = "WOL";
 constexpr std::string_view kBuildLabel = "BuildARPTable";
 constexpr std::string_view kTimerLabel = "ARPTimer_Timer";
 
@@ -97,7 +97,7 @@ void LanScan::QueryLAN() {
 // the list. A local address without "." gives the sweep nothing (its caller reports that) and the reader
 // the placeholder "a.b.c", which is no subnet either.
 std::optional<SubnetList> LanScan::Subnets(bool forTimer) const {
-  std::string list = hs_.GetINISetting(kWol, "Subnet", "", kIniFile);
+  std::string list = ReadWolSettings(hs_).subnet;
   if (list.empty()) {
     std::string ip = localIP_();
     size_t dot = ip.rfind('.');
@@ -115,7 +115,8 @@ std::optional<SubnetList> LanScan::Subnets(bool forTimer) const {
 LanScan::Method LanScan::ScanMethod(bool logFallback) const {
   const bool haveCmd = shell_.Available;
   const std::string fallback = haveCmd ? "batch" : "native";
-  std::string value = LCase(Trim(hs_.GetINISetting(kWol, "ScanMethod", fallback, kIniFile)));
+  std::string value = ReadWolSettings(hs_).scanMethod;
+  if (value.empty()) value = fallback;
   if (value == "native") return Method::Native;
   if (value == "batch" && haveCmd) return Method::Batch;
   if (logFallback) {

@@ -1,12 +1,12 @@
 #include "pages/HTMLIncludes.h"
 
 #include <charconv>
-#include <climits>
 #include <utility>
 
 #include "core/Files.h"
 #include "core/Text.h"
 #include "http/StaticFile.h"
+#include "settings/Settings.h"
 
 namespace tavrel {
 
@@ -100,11 +100,9 @@ HTMLIncludes::HTMLIncludes(const fs::path& home, Hs& hs, Reporter& reporter, Con
 
 void HTMLIncludes::HTMLInit() {
   try {
-    const std::string timeout = Trim(hs_.GetINISetting("WOL", "ScriptTimeout", "60000", kIniFile));
-    long long milliseconds = 0;
-    // -1 is the control's "no time-out".
-    if (!ParseInt(timeout, -1, LONG_MAX, milliseconds)) TypeMismatch();
-    control_ = createControl_("VBScript", static_cast<long>(milliseconds));
+    const std::optional<long> timeout = ReadWolSettings(hs_).scriptTimeoutMs;
+    if (!timeout) TypeMismatch();
+    control_ = createControl_("VBScript", *timeout);
     control_->AddObject("hs", hsObject_, true);
     control_->AddCode(std::string(kPrelude));
   } catch (const std::exception& e) {

@@ -11,6 +11,7 @@
 #include "lan/Subnet.h"
 #include "pages/PageText.h"
 #include "settings/IniTool.h"
+#include "settings/Settings.h"
 
 namespace tavrel {
 namespace {
@@ -125,7 +126,7 @@ bool RemoteASP::xStartHeaderASP() {
 }
 
 std::string RemoteASP::ManagementPage() {
-  sortDirection_ = Setting("SortDir", "ASC");
+  sortDirection_ = ReadWolSettings(ctx_.hs).sortDir;
   notices_.clear();
   if (!Form("clientinput").empty()) AcceptRemoteChanges();
   return MainPage();
@@ -167,8 +168,8 @@ std::string RemoteASP::MainPage() {
   page.Append("</table><table><tr>");
   const std::string localIP = LocalIP();
   const size_t lastDot = localIP.rfind('.');
-  const std::string subnets =
-      Setting("Subnet", lastDot == std::string::npos ? std::string() : localIP.substr(0, lastDot));
+  std::string subnets = ReadWolSettings(ctx_.hs).subnet;
+  if (subnets.empty() && lastDot != std::string::npos) subnets = localIP.substr(0, lastDot);
   cell("Comma-separated subnets&nbsp;<input type='text' size='70' value='" + HtmlEscape(subnets) +
        "' name='subnet'>");
   page.Append("</tr></table><table>");
@@ -224,7 +225,7 @@ RemoteASP::Row& RemoteASP::AddRow(std::string name, std::string ip, std::string 
 
 void RemoteASP::UpdateDisplay(FastString& page) {
   try {
-    const std::string column = Setting("Sort", "Name");
+    const std::string column = ReadWolSettings(ctx_.hs).sort;
     const bool ipSort = column == "IP";
     const DateTime now = ctx_.clock.Now();
     rows_.emplace();
@@ -284,7 +285,7 @@ void RemoteASP::UpdateDisplay(FastString& page) {
 // Orders the rows by the "Sort" setting ("IP" meaning the padded address) in SortDirection; a column or
 // direction that names nothing sorts by name and puts "Name" back into the setting.
 void RemoteASP::SortRows() {
-  std::string column = Setting("Sort", "Name");
+  std::string column = ReadWolSettings(ctx_.hs).sort;
   if (column == "IP") column = "IPSort";
   auto field = std::find_if(kSortKeys.begin(), kSortKeys.end(),
                             [&](std::string_view key) { return EqualsNoCase(key, column); });
@@ -432,10 +433,6 @@ void RemoteASP::SaveChanges(const Changes& changes) {
 
 std::string RemoteASP::Form(std::string_view name) const {
   return currentRequest_ ? currentRequest_->Form(name) : std::string();
-}
-
-std::string RemoteASP::Setting(std::string_view key, std::string_view defaultValue) const {
-  return ctx_.hs.GetINISetting(kWol, key, defaultValue, kIniFile);
 }
 
 void RemoteASP::SaveSetting(std::string_view key, std::string_view value) {

@@ -96,7 +96,6 @@ class RemoteASP : public PageHandler {
 
  private:
   std::string Form(std::string_view name) const;
-  std::string Setting(std::string_view key, std::string_view defaultValue) const;
   void SaveSetting(std::string_view key, std::string_view value);
   std::string LocalIP();
   // The framework steps as script routines, the one-time set-up first.

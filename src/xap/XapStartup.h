@@ -4,11 +4,9 @@
 
 #include "core/Reporter.h"
 #include "settings/Hs.h"
+#include "settings/Settings.h"
 
 namespace tavrel {
-
-// The settings file of the xAP interface, in the Config folder.
-inline constexpr std::string_view kXapIniFile = "zelXap.ini";
 
 // What the program learns before it starts the xAP transport.
 struct XapStartup {
