@@ -32,6 +32,10 @@ MUTANTS = [
     ("xap-block-close", "src/xap/XapMessage.cpp", 'output_.append("}\\n");', 'output_.append("}");', 1),
     ("sweep-silent-retry", "src/lan/NativeSweep.cpp", "if (!answered.count(ip)) silent.push_back(ip);",
      "if (answered.count(ip)) silent.push_back(ip);", 1),
+    ("hs-folder-names", "src/settings/Hs.cpp", 'std::string_view("/\\\\:<>\\"|?*")', 'std::string_view("\\\\:<>\\"|?*")', 1),
+    ("second-answer", "src/http/Response.cpp", "  if (answered_) return false;\n  socket_.SetTag", "  socket_.SetTag", 1),
+    ("tray-late-host", "src/platform/linux/Tray.cpp", "if (self.hostPresent_ && self.shown_)", "if (false)", 1),
+    ("request-time-limit", "src/http/ConnectionSlot.h", "kRequestTimeout{10000}", "kRequestTimeout{20000}", 1),
     ("time-today-ignored", "src/xap/XapHandler.cpp", '} else if (msg.CompareClass("Time.Today")) {',
      '} else if (msg.CompareClass("Time.Tomorrow")) {', 1),
 ]
