@@ -11,6 +11,7 @@
 #include "TestSupport.h"
 #include "core/Text.h"
 #include "http/StaticFile.h"
+#include "http/TestSink.h"
 #include "pages/HTMLIncludes.h"
 #include "pages/RemoteASP.h"
 
@@ -66,19 +67,7 @@ class FakeControl final : public platform::ScriptControl {
   Lines& log_;
 };
 
-// A connection that keeps what is sent to it.
-class Sink final : public ConnectionSink {
- public:
-  int Index() const override { return 3; }
-  int State() const override { return state; }
-  void SetTag(std::string_view) override {}
-  void SendData(std::string bytes) override { sent += bytes; }
-  void StartBody(std::unique_ptr<BinaryBody> body) override {
-    while (body->Next()) continue;
-  }
-  std::string sent;
-  int state = kConnected;
-};
+using Sink = test::TestSink;
 
 class ScriptHostTest : public ::testing::Test {
  protected:
