@@ -85,13 +85,9 @@ class ServerModuleTest : public ::testing::Test {
   }
   // Packets in order, each "index|text"; "tick" lets the 50 ms timer run, as does the end.
   void Arrive(TCPServerModule& to, const Lines& packets) {
-    for (const auto& p : packets) {
-      if (p == "tick") {
-        timers.Advance(TCPServerModule::kServeDelay);
-      } else {
-        to.Socket_DataArrival(std::stoi(p.substr(0, p.find('|'))), p.substr(p.find('|') + 1));
-      }
-    }
+    for (const auto& p : packets)
+      p == "tick" ? timers.Advance(TCPServerModule::kServeDelay)
+                  : to.Socket_DataArrival(std::stoi(p.substr(0, p.find('|'))), p.substr(p.find('|') + 1));
     timers.Advance(TCPServerModule::kServeDelay);
   }
 

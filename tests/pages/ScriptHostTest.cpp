@@ -404,7 +404,7 @@ class ScriptPageTest : public ScriptHostTest {
   Lines acted;
 };
 
-TEST_F(ScriptPageTest, TheSwitchChoosesScriptRoutinesOrNone) {
+TEST_F(ScriptPageTest, TheSwitchChoosesScriptRoutinesOrNoneAndScriptsMayAnswerThemselves) {
   RemoteASP off = Page(false);
   for (int i = 0; i < 3; ++i) EXPECT_NE(Get(off).find("<title>Tavrel"), std::string::npos);
   EXPECT_EQ(created, 0);
@@ -431,12 +431,7 @@ TEST_F(ScriptPageTest, TheSwitchChoosesScriptRoutinesOrNone) {
   // The request the scripts kept is cut off once it has been answered.
   EXPECT_THROW(control->request->Call(0, {"x"}), ScriptError);
   EXPECT_TRUE(reporter.calls.empty());
-}
-
-TEST_F(ScriptPageTest, AVisitorTheScriptsAnswerThemselvesHasNothingActedOnAndOneAnswer) {
-  computers.Rename("", "PC1", "198.51.100.7", edits);
-  RemoteASP on = Page(true);
-  Get(on);
+  // A visitor the scripts answer themselves has nothing acted on, and one answer.
   Get(on, "Mozilla/5.0", "clientinput=yes&subnet=203.0.113&Shutdown0=Shutdown");
   EXPECT_EQ(acted, Lines{"Shutdown PC1"});
   control->answerIn = "SecurityCheck";
