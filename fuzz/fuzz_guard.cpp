@@ -1,24 +1,15 @@
 // Reads any bytes as the header lines of a request from a LAN address and lets the guard decide, with a
 // password, an allow-list and extra host names set: no crash, no hang, and a refusal is always answered.
 #include <cstdint>
-#include <cstdlib>
 #include <string>
 #include <string_view>
 
+#include "FuzzSupport.h"
 #include "http/Guard.h"
 
 namespace {
 
-void Check(bool condition) {
-  if (!condition) std::abort();
-}
-
-struct Quiet final : tavrel::Reporter {
-  using Reporter::ReportEvent;
-  using Reporter::WriteLog;
-  void WriteLog(std::string_view, std::string_view, const tavrel::Err&) override {}
-  void ReportEvent(std::string_view, std::string_view, const tavrel::Err&) override {}
-};
+using tavrel::fuzz::Check;
 
 struct Sink final : tavrel::ConnectionSink {
   int Index() const override { return 1; }
@@ -46,7 +37,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   Check(headers.hostCount >= (headers.host ? 1 : 0));
 
   tavrel::ManualClock clock{tavrel::MakeDateTime(2026, 11, 22)};
-  Quiet quiet;
+  tavrel::fuzz::CountingReporter quiet;
   tavrel::Guard guard{tavrel::Guard::Context{
       clock, quiet,
       [] {

@@ -3,13 +3,12 @@
 // and whatever the text, what is learned is at most one plain lower-case instance name that the settings
 // file can hold and give back.
 #include <cstdint>
-#include <cstdlib>
 #include <filesystem>
 #include <random>
 #include <string>
 
+#include "FuzzSupport.h"
 #include "core/Clock.h"
-#include "core/Reporter.h"
 #include "settings/ComputerRegistry.h"
 #include "settings/Hs.h"
 #include "xap/XapHandler.h"
@@ -18,11 +17,6 @@
 namespace {
 
 using namespace tavrel;
-
-struct QuietReporter : Reporter {
-  void WriteLog(std::string_view, std::string_view, const Err&) override {}
-  void ReportEvent(std::string_view, std::string_view, const Err&) override {}
-};
 
 struct NullSend : XapSendOperation {
   void Send(const std::string&, const std::string&, const std::string&, const std::string&) override {}
@@ -38,7 +32,7 @@ struct Home {  // one temporary home for the whole run
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static Home home;
-  static QuietReporter reporter;
+  static fuzz::CountingReporter reporter;
   static NullSend send;
   static Hs hs(home.path / "Config", reporter);
   static const ManualClock clock{MakeDateTime(2026, 11, 22, 8, 30, 0)};
@@ -62,12 +56,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     handler.Handle("xap-header\n{\nv=12\nhop=1\nuid=FF123400\nsource=acme.controller.pc7\n" +
                    std::string(header) + "}\n" + input);
   }
-  if (computers.Count() > 2) std::abort();
-  for (const auto& row : computers.Rows()) {
-    if (!row.computer) continue;
-    const std::string& name = row.name;
-    if (!IsStorableName(name) || name.find_first_of(".:ABCDEFGHIJKLMNOPQRSTUVWXYZ") != std::string::npos)
-      std::abort();
-  }
+  fuzz::Check(computers.Count() <= 2);
+  for (const auto& row : computers.Rows())
+    fuzz::Check(!row.computer ||
+                (IsStorableName(row.name) &&
+                 row.name.find_first_of(".:ABCDEFGHIJKLMNOPQRSTUVWXYZ") == std::string::npos));
   return 0;
 }

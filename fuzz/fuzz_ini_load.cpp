@@ -2,26 +2,15 @@
 // the text is a fixed point: reading and rendering it again gives the same bytes and keeps every value.
 // All in memory: the file layer around it only copies, writes and renames.
 #include <cstdint>
-#include <cstdlib>
 #include <string>
 #include <string_view>
 
+#include "FuzzSupport.h"
 #include "core/Text.h"
 #include "settings/IniTool.h"
 
-using tavrel::Err;
-
-namespace {
-
-struct Quiet : tavrel::Reporter {
-  void WriteLog(std::string_view, std::string_view, const Err&) override {}
-  void ReportEvent(std::string_view, std::string_view, const Err&) override {}
-};
-
-}  // namespace
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  Quiet reporter;
+  tavrel::fuzz::CountingReporter reporter;
   tavrel::IniTool first(reporter), second(reporter);
   first.LoadText(std::string_view(reinterpret_cast<const char*>(data), size));
   // Keys walks the whole table once per section; a few sections are enough to reach every path of it.
@@ -37,17 +26,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (at == std::string::npos) continue;
     separatorInName |= tavrel::UCase(entry.value) == entry.key;
     const std::string read = first.Read(entry.key.substr(0, at), entry.key.substr(at + 1), "\x01");
-    if (read != (entry.value.empty() ? "\x01" : entry.value)) std::abort();
+    tavrel::fuzz::Check(read == (entry.value.empty() ? "\x01" : entry.value));
     kept = kept && second.Table().Find(entry.key) && *second.Table().Find(entry.key) == entry.value;
   }
-  if (!separatorInName && (second.ToText() != saved || !kept)) std::abort();
+  tavrel::fuzz::Check(separatorInName || (second.ToText() == saved && kept));
   // Removing a section removes every key it lists under its own name.
   if (const auto sections = second.Sections(); !sections.empty() && !separatorInName) {
     const std::string prefix = tavrel::UCase(sections[0]) + "~";
     const auto keys = second.Keys(sections[0]);
     second.RemoveSection(sections[0]);
-    for (const auto& key : keys)
-      if (second.Table().Find(prefix + key)) std::abort();
+    for (const auto& key : keys) tavrel::fuzz::Check(!second.Table().Find(prefix + key));
   }
   return 0;
 }

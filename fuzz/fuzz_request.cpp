@@ -1,23 +1,21 @@
 // Parses any bytes as a received HTTP packet, the bytes after each NUL as further body packets joined to
 // it, and asks every reader about what it found: no crash, no hang, and answers that hold for every parse.
 #include <cstdint>
-#include <cstdlib>
 #include <string>
 #include <string_view>
 
+#include "FuzzSupport.h"
 #include "http/Request.h"
 
 namespace {
+
+using tavrel::fuzz::Check;
 
 struct CountingLog : tavrel::ServerLog {
   void WriteLine(std::string_view) override { ++lines; }
   void Write(std::string_view) override { ++lines; }
   size_t lines = 0;
 };
-
-void Check(bool condition) {
-  if (!condition) std::abort();
-}
 
 // Every pair can be found again under its key, and its value is the first one added.
 void CheckCollection(const tavrel::Request::Collection& col, bool form, const tavrel::Request& r) {

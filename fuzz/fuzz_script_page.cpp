@@ -1,19 +1,13 @@
 // Turns any bytes into script code as a framework page is, and follows its include directives: no crash,
 // no hang, and code that only ever shrinks by what the directives took.
 #include <cstdint>
-#include <cstdlib>
 #include <string>
 #include <string_view>
 
+#include "FuzzSupport.h"
 #include "pages/HTMLIncludes.h"
 
-namespace {
-
-void Check(bool condition) {
-  if (!condition) std::abort();
-}
-
-}  // namespace
+using tavrel::fuzz::Check;
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string_view input(reinterpret_cast<const char*>(data), size);

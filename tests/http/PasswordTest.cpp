@@ -12,11 +12,7 @@ namespace {
 
 std::string Hex(const std::string& bytes) {
   std::string hex;
-  char two[3];
-  for (unsigned char b : bytes) {
-    snprintf(two, sizeof two, "%02x", b);
-    hex += two;
-  }
+  for (unsigned char b : bytes) hex += {"0123456789abcdef"[b >> 4], "0123456789abcdef"[b & 15]};
   return hex;
 }
 
@@ -55,32 +51,33 @@ TEST(PasswordTest, StoredHashVerifiesOnlyItsPasswordAndMalformedTextIsRefused) {
   for (std::string_view other : {"", "Secret", "secret ", "secre"})
     EXPECT_FALSE(VerifyPassword(kSecret, other));
 
-  const std::string salt = "a0a1a2a3a4a5a6a7a8a9aaabacadaeaf";
-  const std::string key = "4b47379d593c45497f48997e42a5f888ecd450992e0872eacbccd5e023facc2d";
-  const std::string bad[] = {
-      "",
-      "pbkdf2-sha1$1000$" + salt + "$" + key,
-      "PBKDF2-SHA256$1000$" + salt + "$" + key,
-      "pbkdf2-sha256$0$" + salt + "$" + key,
-      "pbkdf2-sha256$01000$" + salt + "$" + key,
-      "pbkdf2-sha256$+1000$" + salt + "$" + key,
-      "pbkdf2-sha256$10000001$" + salt + "$" + key,
-      "pbkdf2-sha256$4294968296$" + salt + "$" + key,  // 1000 past 2^32
-      "pbkdf2-sha256$$" + salt + "$" + key,
-      "pbkdf2-sha256$1000$" + salt.substr(2) + "$" + key,
-      "pbkdf2-sha256$1000$" + salt + "$" + key + "00",
-      "pbkdf2-sha256$1000$" + salt + "$" + key.substr(0, 62),
-      "pbkdf2-sha256$1000$" + salt + "$" + key.substr(0, 63) + "g",
-      "pbkdf2-sha256$1000$" + salt + "$" + key + "$",
-      "pbkdf2-sha256$1000$" + salt + key,
-      " " + std::string(kSecret),
-  };
-  for (const std::string& stored : bad) {
+  // Malformed: each edit "from>to" changes the first "from" of the good text into "to"
+  // (4294968296 is 1000 past 2^32).
+  EXPECT_FALSE(IsPasswordHash(""));
+  const char* edits[] = {"sha256>sha1",
+                         "pbkdf2-sha256>PBKDF2-SHA256",
+                         "$1000$>$0$",
+                         "$1000$>$01000$",
+                         "$1000$>$+1000$",
+                         "$1000$>$10000001$",
+                         "$1000$>$4294968296$",
+                         "$1000$>$$",
+                         "$a0a1>$a1",
+                         "c2d>c2d00",
+                         "c2d>c",
+                         "c2d>cg",
+                         "c2d>c2d$",
+                         "af$>af",
+                         "pbkdf2> pbkdf2"};
+  for (const std::string edit : edits) {
+    std::string stored(kSecret);
+    const std::string from = edit.substr(0, edit.find('>'));
+    stored.replace(stored.find(from), from.size(), edit.substr(edit.find('>') + 1));
     EXPECT_FALSE(IsPasswordHash(stored)) << stored;
     EXPECT_FALSE(VerifyPassword(stored, "secret")) << stored;
   }
   // Well formed but with other rounds: the count is part of what is checked.
-  const std::string otherRounds = "pbkdf2-sha256$1001$" + salt + "$" + key;
+  const std::string otherRounds = "pbkdf2-sha256$1001$" + std::string(kSecret.substr(19));
   EXPECT_TRUE(IsPasswordHash(otherRounds));
   EXPECT_FALSE(VerifyPassword(otherRounds, "secret"));
 }
