@@ -200,10 +200,9 @@ TEST_F(TrayTest, TheHostSeesTheIconAndItsMenuAndTheMenuDrivesTheProgram) {
   EXPECT_EQ(sizes, (std::vector<std::string>{"16x16", "22x22", "32x32", "48x48"}));
 
   std::vector<int> ids;
-  EXPECT_EQ(MenuItems(host.Call("/MenuBar", "GetLayout", "iias", 0, -1, 0), ids),
+  ASSERT_EQ(MenuItems(host.Call("/MenuBar", "GetLayout", "iias", 0, -1, 0), ids),
             (std::vector<std::string>{"Browser", "System Config", "System Status", "Query LAN", "Help",
                                       "(separator)", "Exit"}));
-  ASSERT_EQ(ids.size(), 7u);
 
   // "Query LAN" asks the network for its computers.
   host.Call("/MenuBar", "Event", "isvu", ids[3], "clicked", "i", 0, 0u);
