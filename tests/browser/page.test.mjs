@@ -33,10 +33,7 @@ const problems = []; // failed requests, HTTP errors and script errors seen by t
 
 const freePort = () =>
   new Promise((resolve) => {
-    const server = net.createServer().listen(0, '127.0.0.1', () => {
-      const { port: p } = server.address();
-      server.close(() => resolve(p));
-    });
+    const s = net.createServer().listen(0, '127.0.0.1', () => s.close(resolve.bind(null, s.address().port)));
   });
 
 async function until(what, seconds, probe) {
@@ -58,7 +55,7 @@ function readIni() {
   return ini;
 }
 
-// Our data rows top to bottom: { key, name, ip (last part, as ".9"), mac, led, age, buttons }.
+// Our data rows top to bottom: { key, name, ip (last part, as ".9"), mac, led, buttons }.
 const readRows = async () =>
   (
     await page.$$eval("input[type='checkbox'][name^='R']", (boxes) =>
@@ -70,13 +67,11 @@ const readRows = async () =>
           ip: cells[3].textContent.replace('127.0.0.', '.'),
           mac: cells[4].textContent,
           led: cells[1].querySelector('img')?.getAttribute('src') ?? '',
-          age: cells[1].textContent,
           buttons: cells.slice(5).map((c) => c.querySelector('input')?.value ?? '').join(' '),
         };
       }),
     )
   ).filter((r) => [...computers, arpOnly].some((c) => c[1].endsWith(r.ip)));
-const ips = async () => (await readRows()).map((r) => r.ip);
 const keyOf = async (ip) => (await readRows()).find((r) => r.ip === ip).key;
 
 // Presses a submit button and waits for the page the post brings back.
@@ -87,7 +82,7 @@ async function press(name) {
     page.click(`input[type='submit'][name='${name}']`),
   ]);
   assert.equal(response.status(), 200, name);
-  return ips();
+  return (await readRows()).map((r) => r.ip);
 }
 
 before(async () => {
@@ -97,11 +92,9 @@ before(async () => {
   fs.mkdirSync(outDir);
   port = await freePort();
   const config = (name, lines) => fs.writeFileSync(path.join(home, 'Config', name), lines.join('\r\n') + '\r\n');
-  const xapPort = await freePort();
-  hub = dgram.createSocket('udp4');
-  hub.on('message', (m) => xap.push(m.toString('latin1')));
-  await new Promise((resolve) => hub.bind(xapPort, '127.0.0.1', resolve));
-  config('zelXap.ini', ['[Interface]', 'BroadcastAddress=127.0.0.1', `Port=${xapPort}`]);
+  hub = dgram.createSocket('udp4').on('message', (m) => xap.push(m.toString('latin1')));
+  await new Promise((resolve) => hub.bind(0, '127.0.0.1', resolve));
+  config('zelXap.ini', ['[Interface]', 'BroadcastAddress=127.0.0.1', `Port=${hub.address().port}`]);
   config('tavrel.ini', [
     '[WOL]', `HTTPPort=${port}`, 'Subnet=127.0.0', 'ScanMethod=native', '[Computer]',
     ...computers.map(([name, ip]) => `${name}=${ip}`), '[ARP]',

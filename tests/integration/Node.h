@@ -13,7 +13,6 @@
 
 #include <chrono>
 #include <cstdlib>
-#include <functional>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -28,24 +27,67 @@ namespace tavrel::test {
 using namespace std::chrono_literals;
 using std::chrono::steady_clock;
 
+inline sockaddr_in Loopback(int port) {
+  sockaddr_in a{};
+  a.sin_family = AF_INET;
+  a.sin_port = htons(static_cast<uint16_t>(port));
+  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  return a;
+}
+
+// A socket bound to a port of the system's choosing on 127.0.0.1, the port written to port.
+inline int BoundSocket(int type, int& port) {
+  int fd = socket(AF_INET, type | SOCK_CLOEXEC, 0);
+  sockaddr_in addr = Loopback(0);
+  socklen_t len = sizeof addr;
+  if (fd < 0 || bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
+      getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len) != 0)
+    throw std::runtime_error("loopback port");
+  port = ntohs(addr.sin_port);
+  return fd;
+}
+
+// A free port on 127.0.0.1; given held, kept by a socket listening on it (TCP), whose descriptor goes there.
+inline int LoopbackPort(int type, int* held = nullptr) {
+  int port = 0, fd = BoundSocket(type, port);
+  held&& listen(fd, 1) == 0 ? void(*held = fd) : void(close(fd));
+  return port;
+}
+
+// Starts argv[0] with this process's environment, standard input, output and error opened on the named
+// files ("" leaves one as it is); the pid, or -1.
+inline pid_t Spawn(std::vector<const char*> argv, const std::string& in = "", const std::string& out = "",
+                   const std::string& err = "") {
+  posix_spawn_file_actions_t files;
+  posix_spawn_file_actions_init(&files);
+  const std::string* names[] = {&in, &out, &err};
+  for (int fd = 0; fd < 3; ++fd)
+    if (!names[fd]->empty())
+      posix_spawn_file_actions_addopen(&files, fd, names[fd]->c_str(),
+                                       fd ? O_WRONLY | O_CREAT | O_TRUNC : O_RDONLY, 0600);
+  argv.push_back(nullptr);
+  pid_t pid = -1;
+  if (posix_spawn(&pid, argv[0], &files, nullptr, const_cast<char**>(argv.data()), environ) != 0) pid = -1;
+  posix_spawn_file_actions_destroy(&files);
+  return pid;
+}
+
+// The exit code of pid (128 + signal when killed), or -1 when it did not end within the deadline.
+inline int WaitExit(pid_t& pid, std::chrono::milliseconds deadline = 10s) {
+  int status = 0;
+  if (pid <= 0 || !WaitFor([&] { return waitpid(pid, &status, WNOHANG) == pid; }, deadline)) return -1;
+  pid = -1;
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
 // A UDP socket on 127.0.0.1 standing in for an xAP hub: it holds the node's xAP port, so the node binds
 // a port of its own and every datagram the node broadcasts (to 127.0.0.1) arrives here.
 class Hub {
  public:
-  Hub() {
-    fd_ = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    sockaddr_in addr = Loopback(0);
-    if (fd_ < 0 || bind(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
-      throw std::runtime_error("hub socket");
-    }
-    // Room for a whole burst of answers (root may go past the system's cap).
-    int room = 16 << 20;
-    if (setsockopt(fd_, SOL_SOCKET, SO_RCVBUFFORCE, &room, sizeof room) != 0) {
+  Hub() : fd_(BoundSocket(SOCK_DGRAM, port_)) {
+    int room = 16 << 20;  // a whole burst of answers (root may go past the system's cap)
+    if (setsockopt(fd_, SOL_SOCKET, SO_RCVBUFFORCE, &room, sizeof room) != 0)
       setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &room, sizeof room);
-    }
-    socklen_t len = sizeof addr;
-    getsockname(fd_, reinterpret_cast<sockaddr*>(&addr), &len);
-    port_ = ntohs(addr.sin_port);
   }
   ~Hub() { close(fd_); }
 
@@ -53,57 +95,35 @@ class Hub {
   // The next datagram, or "" when none arrives before the deadline.
   std::string Receive(std::chrono::milliseconds deadline = 5s) {
     pollfd p{fd_, POLLIN, 0};
-    if (poll(&p, 1, static_cast<int>(deadline.count())) <= 0) return {};
     std::string buf(65536, '\0');
-    ssize_t n = recv(fd_, buf.data(), buf.size(), 0);
-    return n > 0 ? buf.substr(0, static_cast<size_t>(n)) : std::string();
+    ssize_t n =
+        poll(&p, 1, static_cast<int>(deadline.count())) == 1 ? recv(fd_, buf.data(), buf.size(), 0) : 0;
+    return buf.substr(0, static_cast<size_t>(std::max<ssize_t>(n, 0)));
   }
-  // Datagrams until one satisfies pred (returned), skipping the others; "" at the deadline.
-  std::string ReceiveUntil(const std::function<bool(const std::string&)>& pred) {
-    auto end = steady_clock::now() + 5s;
-    for (auto now = steady_clock::now(); now < end; now = steady_clock::now()) {
-      std::string text = Receive(std::chrono::duration_cast<std::chrono::milliseconds>(end - now));
-      if (!text.empty() && pred(text)) return text;
-    }
+  // Datagrams until one satisfies pred (returned), skipping the others; "" after 5 s.
+  template <class Pred>
+  std::string ReceiveUntil(Pred pred) {
+    for (auto end = steady_clock::now() + 5s; steady_clock::now() < end;)
+      if (std::string text = Receive(100ms); !text.empty() && pred(text)) return text;
     return {};
+  }
+  std::string Heartbeat() {
+    return ReceiveUntil([](const std::string& t) { return t.rfind("xap-hbeat", 0) == 0; });
   }
   void SendTo(int port, const std::string& text) {
     sockaddr_in to = Loopback(port);
     sendto(fd_, text.data(), text.size(), 0, reinterpret_cast<sockaddr*>(&to), sizeof to);
   }
 
-  static sockaddr_in Loopback(int port) {
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_port = htons(static_cast<uint16_t>(port));
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return a;
-  }
-
  private:
-  int fd_ = -1;
-  int port_ = 0;
+  int port_ = 0, fd_;
 };
-
-// A port of the system's choosing on 127.0.0.1, free again on return; or, given held, kept by a socket
-// listening on it (TCP), whose descriptor goes there.
-inline int LoopbackPort(int type, int* held = nullptr) {
-  int fd = socket(AF_INET, type | SOCK_CLOEXEC, 0);
-  sockaddr_in addr = Hub::Loopback(0);
-  socklen_t len = sizeof addr;
-  if (fd < 0 || bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
-      getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len) != 0 || (held && listen(fd, 1) != 0))
-    throw std::runtime_error("loopback port");
-  held ? void(*held = fd) : void(close(fd));
-  return ntohs(addr.sin_port);
-}
 
 // This machine's name up to its first ".", as the program names itself.
 inline std::string HostName() {
   char buf[256] = {};
   gethostname(buf, sizeof buf - 1);
-  const std::string name(buf);
-  return name.substr(0, name.find('.'));
+  return std::string(buf).substr(0, std::string(buf).find('.'));
 }
 
 // The real program started with a temporary home whose zelXap.ini keeps it on loopback.
@@ -115,59 +135,29 @@ class Node {
     if (!tavrelIni.empty()) WriteFile(Home() / "Config" / "tavrel.ini", tavrelIni);
   }
   ~Node() {
-    if (pid_ > 0) {
-      kill(pid_, SIGKILL);
-      waitpid(pid_, nullptr, 0);
-    }
+    if (pid_ > 0) kill(pid_, SIGKILL), waitpid(pid_, nullptr, 0);
   }
 
-  // Starts the program, with this process's environment; debug adds --debug (the server log in
-  // Data/tavrel/server.log). With tray it may offer its icon.
+  // Starts the program; debug adds --debug (the server log in Data/tavrel/server.log). With tray it may
+  // offer its icon.
   void Start(bool debug = false, bool tray = false) {
-    std::string home = Home().string();
+    const std::string home = Home().string();
     std::vector<const char*> argv = {TAVREL_BINARY, "--home", home.c_str()};
     if (!tray) argv.push_back("--no-tray");
     if (debug) argv.push_back("--debug");
-    argv.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    const std::string errFile = (Home() / "stderr.txt").string();  // read by StderrLine
-    posix_spawn_file_actions_addopen(&actions, 2, errFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    const int failed =
-        posix_spawn(&pid_, TAVREL_BINARY, &actions, nullptr, const_cast<char**>(argv.data()), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    if (failed != 0) throw std::runtime_error("cannot start the program");
+    if ((pid_ = Spawn(argv, "", "", (Home() / "stderr.txt").string())) < 0)
+      throw std::runtime_error("cannot start the program");
   }
   // The first line the program wrote to standard error, or "" when none came before the deadline.
   std::string StderrLine() const {
-    for (auto end = steady_clock::now() + 5s; steady_clock::now() < end;) {
-      std::string text = ReadFile(Home() / "stderr.txt");
-      if (size_t nl = text.find('\n'); nl != std::string::npos) return text.substr(0, nl + 1);
-      std::this_thread::sleep_for(10ms);
-    }
-    return {};
+    std::string text;
+    WaitFor([&] { return (text = ReadFile(Home() / "stderr.txt")).find('\n') != std::string::npos; });
+    return text.substr(0, text.find('\n') + 1);
   }
   void Signal(int sig) { kill(pid_, sig); }
   pid_t Pid() const { return pid_; }
-  // The program's resident memory in KiB, from /proc.
-  long RssKiB() const {
-    std::string status = ReadFile("/proc/" + std::to_string(pid_) + "/status");
-    size_t at = status.find("VmRSS:");
-    return at == std::string::npos ? -1 : std::atol(status.c_str() + at + 6);
-  }
-  // The program's exit code, or -1 when it did not end within the deadline (it is then killed).
-  int WaitExit() {
-    auto end = steady_clock::now() + 10s;
-    int status = 0;
-    while (steady_clock::now() < end) {
-      if (waitpid(pid_, &status, WNOHANG) == pid_) {
-        pid_ = -1;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-      }
-      std::this_thread::sleep_for(10ms);
-    }
-    return -1;
-  }
+  // The program's exit code, or -1 when it did not end within 10 s.
+  int WaitExit() { return test::WaitExit(pid_); }
 
   const std::filesystem::path& Home() const { return home_.Path(); }
   std::string Ini() const { return ReadFile(Home() / "Config" / "tavrel.ini"); }

@@ -18,11 +18,8 @@ std::string NodeSource() { return "zel.WOL." + HostName(); }
 
 // The value of "key=" in an xAP text ("" when absent).
 std::string Field(const std::string& text, const std::string& key) {
-  std::string needle = "\n" + key + "=";
-  size_t at = text.find(needle);
-  if (at == std::string::npos) return {};
-  at += needle.size();
-  return text.substr(at, text.find('\n', at) - at);
+  const size_t at = text.find("\n" + key + "="), from = at + key.size() + 2;
+  return at == std::string::npos ? "" : text.substr(from, text.find('\n', from) - from);
 }
 
 // A message as another node on the network sends it, or (with the node's UID and source) as the node does.
@@ -55,10 +52,8 @@ class NodeTest : public ::testing::Test {
   // Starts the node and returns the port it bound, read from its first heartbeat.
   int StartNode(Node& node) {
     node.Start();
-    std::string hb = hub.ReceiveUntil([](const std::string& t) { return t.rfind("xap-hbeat", 0) == 0; });
-    EXPECT_FALSE(hb.empty()) << "no heartbeat";
+    std::string hb = hub.Heartbeat();
     int port = std::atoi(Field(hb, "port").c_str());
-    EXPECT_GT(port, 0);
     EXPECT_EQ(hb, Heartbeat("alive", port));
     return port;
   }
@@ -66,7 +61,7 @@ class NodeTest : public ::testing::Test {
   Hub hub;
 };
 
-TEST_F(NodeTest, StartsWithHeartbeatThenHeldReportsThenThePortEvent) {
+TEST_F(NodeTest, StartsWithHeartbeatThenHeldReportsThenThePortEventAndAnswers) {
   // A broken line in zelXap.ini is reported while the settings are read, before the transport is up.
   Node node(hub.Port(), "", "garbage\n");
   int port = StartNode(node);
@@ -79,42 +74,18 @@ TEST_F(NodeTest, StartsWithHeartbeatThenHeldReportsThenThePortEvent) {
             FromNode("Homeseer.Event", "", "Event.Log",
                      "Time=*\nType=tavrel\nData=Using xAP port " + std::to_string(port) + "\n"));
 
-  // A clean exit says so to the hub at once.
-  node.Signal(SIGTERM);
-  EXPECT_EQ(hub.ReceiveUntil([](const std::string& t) { return t.rfind("xap-hbeat", 0) == 0; }),
-            Heartbeat("stopped", port));
-  EXPECT_EQ(node.WaitExit(), 0);
-  // This machine's own address went into section ARP.
-  EXPECT_NE(node.Ini().find("[ARP]"), std::string::npos);
-}
-
-TEST_F(NodeTest, AnswersRoleEchoAndComputerQueries) {
-  Node node(hub.Port(), "[Computer]\npc7=127.0.0.7\n[ARP]\n127.0.0.7=00-11-22-33-44-55\n");
-  int port = StartNode(node);
-
+  // Answers are whole xAP messages (which questions get which answer is the handler's unit test's).
   hub.SendTo(port, Message("Homeseer.Role", "acme.hub.test", "", "Role.Query", "Role=ANY\n"));
   EXPECT_EQ(hub.ReceiveUntil([](const std::string& t) { return IsClass(t, "Homeseer.Role"); }),
             FromNode("Homeseer.Role", "", "Role.Notification",
                      "Role=Computer Management\nPath=" + std::string(TAVREL_BINARY) + "\n"));
 
-  hub.SendTo(port, Message("WDT.Echo", "acme.watch.test", NodeSource(), "Echo.Query", "Query=ABC\n"));
-  EXPECT_EQ(hub.ReceiveUntil([](const std::string& t) { return IsClass(t, "WDT.Echo"); }),
-            FromNode("WDT.Echo", "acme.watch.test", "Echo.Response", "Response=abc\n"));
-
-  hub.SendTo(port, Message("Computer.Process", "acme.hub.test", "x.y.pc7", "Computer.Query", "Query=all\n"));
-  EXPECT_EQ(
-      hub.ReceiveUntil([](const std::string& t) { return Field(t, "Name") == "pc7"; }),
-      FromNode("Computer.Process", "", "Computer.Notification", "MAC=127.0.0.7\nIP=127.0.0.7\nName=pc7\n"));
-
-  // A role the node does not serve gets no answer; the echo goes out first, so nothing lies between.
-  hub.SendTo(port, Message("Homeseer.Role", "acme.hub.test", "", "Role.Query", "Role=Lighting\n"));
-  hub.SendTo(port, Message("WDT.Echo", "acme.watch.test", "", "Echo.Query", "Query=second\n"));
-  std::string next = hub.ReceiveUntil(
-      [](const std::string& t) { return IsClass(t, "Homeseer.Role") || IsClass(t, "WDT.Echo"); });
-  EXPECT_EQ(Field(next, "Response"), "second");
-
-  node.Signal(SIGINT);
+  // A clean exit says so to the hub at once.
+  node.Signal(SIGTERM);
+  EXPECT_EQ(hub.Heartbeat(), Heartbeat("stopped", port));
   EXPECT_EQ(node.WaitExit(), 0);
+  // This machine's own address went into section ARP.
+  EXPECT_NE(node.Ini().find("[ARP]"), std::string::npos);
 }
 
 // A burst is answered whole; a stream that never ends neither starves a signal nor grows memory.
@@ -124,16 +95,12 @@ TEST_F(NodeTest, BurstIsAnsweredWholeAndAStreamNeitherDelaysASignalNorGrowsMemor
   constexpr int kBurst = 10000;
   std::set<std::string> answered;
   std::thread reader([&] {
-    while (answered.size() < kBurst) {
-      std::string t = hub.Receive(3s);
-      if (t.empty()) break;
+    for (std::string t; answered.size() < kBurst && !(t = hub.Receive(3s)).empty();)
       if (IsClass(t, "WDT.Echo")) answered.insert(Field(t, "Response"));
-    }
   });
-  for (int i = 0; i < kBurst; ++i) {
+  for (int i = 0; i < kBurst; ++i)
     hub.SendTo(port,
                Message("WDT.Echo", "acme.watch.test", "", "Echo.Query", "Query=" + std::to_string(i) + "\n"));
-  }
   reader.join();
   EXPECT_EQ(answered.size(), size_t{kBurst});
 
@@ -146,14 +113,14 @@ TEST_F(NodeTest, BurstIsAnsweredWholeAndAStreamNeitherDelaysASignalNorGrowsMemor
   };
   std::thread first(sender), second(sender);
   std::this_thread::sleep_for(1s);
-  [[maybe_unused]] const long rss = node.RssKiB();
+  const std::string status = ReadFile("/proc/" + std::to_string(node.Pid()) + "/status");
+  [[maybe_unused]] const long rss = std::atol(status.c_str() + status.find("VmRSS:") + 6);  // KiB
   const auto asked = steady_clock::now();
   node.Signal(SIGTERM);
   const int code = node.WaitExit();
   const auto waited = std::chrono::duration_cast<std::chrono::milliseconds>(steady_clock::now() - asked);
   streaming = false;
-  first.join();
-  second.join();
+  first.join(), second.join();
   EXPECT_EQ(code, 0);
   EXPECT_LT(waited, 1s) << "the signal waited behind the stream";
 #if !defined(__SANITIZE_ADDRESS__)
@@ -161,14 +128,13 @@ TEST_F(NodeTest, BurstIsAnsweredWholeAndAStreamNeitherDelaysASignalNorGrowsMemor
 #endif
 }
 
-// The xAP request and `tavrel wake` send the same packet; a MAC of other than twelve digits sends nothing.
-TEST_F(NodeTest, WakeRequestAndTheWakeCommandSendTheMagicPacketToTheComputersSubnet) {
+// `tavrel wake` sends the magic packet (the page's button and the xAP request send the same, through the
+// same code); a MAC of other than twelve digits sends nothing.
+TEST_F(NodeTest, TheWakeCommandSendsTheMagicPacketToTheComputersSubnet) {
   if (geteuid() != 0) GTEST_SKIP() << "port 7 needs root";
   // 127.0.0.9/24 has the broadcast 127.0.0.255: loopback, so the packet stays on this machine.
   int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_port = htons(7);
+  sockaddr_in addr = Loopback(7);
   inet_pton(AF_INET, "127.0.0.255", &addr.sin_addr);
   ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
   std::string expected(6, '\xFF');
@@ -180,21 +146,9 @@ TEST_F(NodeTest, WakeRequestAndTheWakeCommandSendTheMagicPacketToTheComputersSub
     return std::string(buf, static_cast<size_t>(std::max<ssize_t>(n, 0)));
   };
   auto wake = [](const char* mac) {
-    const char* argv[] = {TAVREL_BINARY, "wake", mac, "127.0.0.9", nullptr};
-    pid_t pid = -1;
-    int status = -1;
-    if (posix_spawn(&pid, TAVREL_BINARY, nullptr, nullptr, const_cast<char**>(argv), environ) == 0)
-      waitpid(pid, &status, 0);
-    return status;
+    pid_t pid = Spawn({TAVREL_BINARY, "wake", mac, "127.0.0.9"});
+    return WaitExit(pid);
   };
-
-  Node node(hub.Port(), "[Computer]\npcw=127.0.0.9\n[ARP]\n127.0.0.9=00-1A-2B-3C-4D-5E\n");
-  int port = StartNode(node);
-  hub.SendTo(port,
-             Message("Computer.Process", "acme.hub.test", "x.y.pcw", "Computer.Control", "Action=wol\n"));
-  EXPECT_EQ(received(), expected);
-  node.Signal(SIGTERM);
-  EXPECT_EQ(node.WaitExit(), 0);
 
   EXPECT_NE(wake("00-1A-2B-3C-4D"), 0);
   EXPECT_NE(wake("00_1A_2B_3C_4D_5E"), 0);
@@ -204,7 +158,7 @@ TEST_F(NodeTest, WakeRequestAndTheWakeCommandSendTheMagicPacketToTheComputersSub
 }
 
 TEST_F(NodeTest, UnusableBroadcastAddressEndsTheProgramWithALogLine) {
-  Node node(hub.Port(), "", "");
+  Node node(hub.Port());
   WriteFile(node.Home() / "Config" / "zelXap.ini",
             "[Interface]\nBroadcastAddress=not.an.address\nPort=" + std::to_string(hub.Port()) + "\n");
   node.Start();

@@ -35,8 +35,7 @@ TEST(StartupLineTest, SaysWhereTheNodeListensWhereThePageIsAndHowToStop) {
     tavrel.Start();
     std::string listening = "listening on UDP port " + std::to_string(xapPort);
     if (c.behindHub) {
-      const std::string hb =
-          hub.ReceiveUntil([](const std::string& t) { return t.rfind("xap-hbeat", 0) == 0; });
+      const std::string hb = hub.Heartbeat();
       const size_t at = hb.find("\nport=");
       ASSERT_NE(at, std::string::npos) << c.what;
       listening = "listening on UDP 127.0.0.1:" + std::to_string(std::atoi(hb.c_str() + at + 6)) +
@@ -55,20 +54,9 @@ TEST(StartupLineTest, SaysWhereTheNodeListensWhereThePageIsAndHowToStop) {
 // The program run as a tool with input as its standard input; its exit code.
 int RunTool(std::vector<const char*> argv, const std::string& input, const std::filesystem::path& scratch) {
   WriteFile(scratch / "stdin.txt", input);
-  const std::string in = (scratch / "stdin.txt").string();
   argv.insert(argv.begin(), TAVREL_BINARY);
-  argv.push_back(nullptr);
-  posix_spawn_file_actions_t files;
-  posix_spawn_file_actions_init(&files);
-  posix_spawn_file_actions_addopen(&files, 0, in.c_str(), O_RDONLY, 0);
-  posix_spawn_file_actions_addopen(&files, 1, "/dev/null", O_WRONLY, 0);
-  posix_spawn_file_actions_addopen(&files, 2, "/dev/null", O_WRONLY, 0);
-  pid_t pid = -1;
-  int status = -1;
-  if (posix_spawn(&pid, TAVREL_BINARY, &files, nullptr, const_cast<char**>(argv.data()), environ) == 0)
-    waitpid(pid, &status, 0);
-  posix_spawn_file_actions_destroy(&files);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  pid_t pid = Spawn(argv, (scratch / "stdin.txt").string(), "/dev/null", "/dev/null");
+  return WaitExit(pid);
 }
 
 TEST(SetPasswordTest, StoresAHashOfTheLineReadRefusesNoPasswordAndClears) {

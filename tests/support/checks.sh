@@ -11,3 +11,9 @@ wait_for() { # seconds command...: polls the command until it succeeds or the de
     sleep 0.05
   done
 }
+ended() { # seconds: waits for the background program $pid to end; rc is its exit code, or "running"
+  rc=running
+  wait_for "$1" sh -c "! kill -0 $pid 2>/dev/null" || return 1
+  wait "$pid"
+  rc=$? pid=""
+}

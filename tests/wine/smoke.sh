@@ -1,14 +1,10 @@
 #!/usr/bin/env bash
-# The Windows program under Wine, end to end on loopback: tavrel.exe starts with a temporary home, takes
-# the hub-client port because this script holds the xAP port (and so hears its heartbeats), serves the
-# management page, and ends through the menu's "Exit" when the session ends (`wineboot --end-session`:
-# WM_QUERYENDSESSION and WM_ENDSESSION to its hidden window): exit code 0 and the "stopped" heartbeat prove
-# the clean way out. It is a GUI program, so Wine no longer turns a SIGINT into Ctrl+C for it. The hidden
-# windows need a display: without one the script runs itself again in a virtual X display.
-# Then twice with ScriptPages=1 and the small framework page set of framework/: once with Wine's VBScript
-# engine, serving /wol through the framework's routines (and stopping, after ScriptTimeout, a visit whose
-# script loops), and once with the engine taken away, where the page gets no answer and the failure is
-# reported.
+# The Windows program under Wine, end to end on loopback: tavrel.exe starts with a temporary home behind
+# this script's stand-in hub (which hears its heartbeats), serves the page, and ends through the menu's
+# "Exit" when the session ends (`wineboot --end-session`; a GUI program gets no Ctrl+C): exit code 0 and
+# the "stopped" heartbeat. Without a display it runs itself again in a virtual X display. Then with
+# ScriptPages=1 and the framework pages of framework/: once with Wine's VBScript engine (a looping script
+# stopped after ScriptTimeout), once without it (no answer, the failure reported).
 #   usage: smoke.sh PATH/TO/tavrel.exe        (Wine's prefix: $WINEPREFIX, else the exe's folder/wineprefix)
 set -uo pipefail
 
@@ -30,26 +26,25 @@ cleanup() {
 trap cleanup EXIT INT TERM
 # shellcheck source=tests/support/checks.sh
 . "$(dirname "$0")/../support/checks.sh"
-free_port() { python3 -c 'import socket,sys; s=socket.socket(socket.AF_INET, getattr(socket, sys.argv[1])); s.bind(("127.0.0.1",0)); print(s.getsockname()[1])' "$1"; }
-
-xap_port=$(free_port SOCK_DGRAM) http_port=$(free_port SOCK_STREAM)
-home="$work/home"
-mkdir -p "$home/Config"
-printf '[Interface]\r\nBroadcastAddress=127.0.0.1\r\nPort=%d\r\n' "$xap_port" >"$home/Config/zelXap.ini"
-printf '[WOL]\r\nHTTPPort=%d\r\nSubnet=127.0.0\r\nScanMethod=native\r\n' "$http_port" >"$home/Config/tavrel.ini"
-
-# Holds the xAP port on 127.0.0.1 and appends every datagram to heard.txt, one per line.
-python3 - "$xap_port" "$work/heard.txt" <<'EOF' &
+# The hub: holds an xAP port on 127.0.0.1 and appends every datagram to heard.txt, one per line; ports.txt
+# gets its port and one the system had free for the web server.
+python3 - "$work" <<'EOF' &
 import socket, sys
-s = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-s.bind(("127.0.0.1", int(sys.argv[1])))
-with open(sys.argv[2], "ab", buffering=0) as out:
+s, web = socket.socket(socket.AF_INET, socket.SOCK_DGRAM), socket.socket()
+s.bind(("127.0.0.1", 0)), web.bind(("127.0.0.1", 0))
+open(sys.argv[1] + "/ports.txt", "w").write("%d %d\n" % (s.getsockname()[1], web.getsockname()[1]))
+web.close()
+with open(sys.argv[1] + "/heard.txt", "ab", buffering=0) as out:
     while True:
         out.write(s.recv(65536).replace(b"\n", b"|") + b"\n")
 EOF
 listener=$!
-port_taken() { ! python3 -c 'import socket,sys; socket.socket(socket.AF_INET, socket.SOCK_DGRAM).bind(("127.0.0.1", int(sys.argv[1])))' "$1" 2>/dev/null; }
-wait_for 10 port_taken "$xap_port" || fail "the test listener did not take the xAP port"
+wait_for 10 grep -qs . "$work/ports.txt" || fail "the test hub took no xAP port"
+read -r xap_port http_port <"$work/ports.txt"
+home="$work/home"
+mkdir -p "$home/Config"
+printf '[Interface]\r\nBroadcastAddress=127.0.0.1\r\nPort=%d\r\n' "$xap_port" >"$home/Config/zelXap.ini"
+printf '[WOL]\r\nHTTPPort=%d\r\nSubnet=127.0.0\r\nScanMethod=native\r\n' "$http_port" >"$home/Config/tavrel.ini"
 
 start() { # starts tavrel.exe on the home; extra arguments are environment settings for Wine; tray=1: with its icon
   local options=(--no-tray)
@@ -60,15 +55,9 @@ start() { # starts tavrel.exe on the home; extra arguments are environment setti
 stop() { # the session ends: the menu's Exit, exit code 0 and the "stopped" heartbeat
   : >"$work/heard.txt"
   "$wine" wineboot --end-session
-  if wait_for 20 sh -c "! kill -0 $pid 2>/dev/null"; then
-    wait "$pid"
-    rc=$?
-    pid=""
-    [ "$rc" -eq 0 ] || fail "exit code $rc after the session's end"
-    wait_for 5 grep -q 'class=xap-hbeat.stopped' "$work/heard.txt" || fail "no 'stopped' heartbeat: not the Exit path"
-  else
-    fail "still running 20 s after the session's end"
-  fi
+  ended 20 || { fail "still running 20 s after the session's end"; return; }
+  [ "$rc" -eq 0 ] || fail "exit code $rc after the session's end"
+  wait_for 5 grep -q 'class=xap-hbeat.stopped' "$work/heard.txt" || fail "no 'stopped' heartbeat: not the Exit path"
 }
 page() { curl -s -i --max-time 5 -A "${agent:-smoke}" "http://127.0.0.1:$http_port/wol${query:-}" >"$work/page" 2>/dev/null; }
 body_has() { grep -qF -- "$1" "$work/page" || fail "${2:-the page} lacks: $1"; }
@@ -132,11 +121,5 @@ wait_for 5 grep -q "HTMLInit: ActiveX component can't create object" "$work/hear
   fail "no HTMLInit report without the script engine: $(cat "$work/heard.txt")"
 stop
 
-if [ "$failures" -ne 0 ]; then
-  echo "--- program output"
-  cat "$work/stdout"
-  echo "--- heard"
-  cat "$work/heard.txt" 2>/dev/null
-  exit 1
-fi
+[ "$failures" -eq 0 ] || { tail -n +1 "$work/stdout" "$work/heard.txt"; exit 1; }
 echo "PASS: tavrel.exe (GUI) served /wol on 127.0.0.1:$http_port, built-in and through script pages, and ended cleanly with the session"
