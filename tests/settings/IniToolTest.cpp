@@ -196,26 +196,23 @@ TEST_F(HsTest, SeveralKeysInOneSaveGiveTheFileOfOneSavePerKey) {
   EXPECT_FALSE(fs::exists(Config() / "none.ini"));
 }
 
-// Loading skips lines without a key or a value and keeps this machine's entry. Names come in only when
-// the file gives them back unchanged, new ones only below 1,024 computers; a known one is marked seen
-// again. The page's renames and removals reach the file in the one write of its post; each subnet of a
-// sweep starts from an empty ARP table but for this machine's entry, the first MAC of an address wins
-// and the file, written once, keeps every address read.
-TEST(ComputerRegistry, DecidesNamesLimitAndLastSeenAndKeepsTheFileInStep) {
-  test::TempDir home;
-  test::RecordingReporter reporter;
-  Hs hs{home.Path() / "Config", reporter};
+// Loading skips lines without a key or a value. Names come in only when the file gives them back
+// unchanged, new ones only below 1,024 computers; a known one is seen again. The page's edits reach the
+// file in one write; a sweep's subnets start from an empty ARP table but for this machine's entry, the
+// first MAC of an address wins and the file, written once, keeps every address read.
+using ComputerRegistryTest = HsTest;
+TEST_F(ComputerRegistryTest, DecidesNamesLimitAndLastSeenAndKeepsTheFileInStep) {
   ManualClock clock{MakeDateTime(2026, 11, 22, 8, 0, 0)};
-  ComputerRegistry computers{hs, clock};
+  ComputerRegistry computers{hs_, clock};
   // The file gives keys back in upper case, in order.
-  const auto section = [&](const char* name) { return Split(hs.GetINISection(name, kIniFile), "\0"s); };
+  const auto section = [&](const char* name) { return Split(hs_.GetINISection(name, kIniFile), "\0"s); };
   std::string before;
-  const auto writtenOnce = [&] { return test::ReadFile(hs.FilePath(kIniFile).string() + "_bck") == before; };
+  const auto writtenOnce = [&] { return ReadFile(hs_.FilePath(kIniFile).string() + "_bck") == before; };
 
-  test::WriteFile(hs.FilePath(kIniFile),
-                  "[Computer]\nPC1=198.51.100.5\nblank=   \n=198.51.100.6\nHost=198.51.100.99\n"
-                  "nas=198.51.100.12\n[ARP]\n198.51.100.5=00-11-22-33-44-55\n198.51.100.6=  \n");
-  computers.Load("host", "198.51.100.20", reporter);
+  WriteFile(hs_.FilePath(kIniFile),
+            "[Computer]\nPC1=198.51.100.5\nblank=   \n=198.51.100.6\nHost=198.51.100.99\n"
+            "nas=198.51.100.12\n[ARP]\n198.51.100.5=00-11-22-33-44-55\n198.51.100.6=  \n");
+  computers.Load("host", "198.51.100.20", reporter_);
   computers.SetOwnAddress("198.51.100.20", "02-00-00-00-00-14");
   clock.Advance(std::chrono::seconds(90));
   for (const std::string& name : {"evil=1"s, "pc\r"s, "p\0c"s, "pc\x7f"s, ";pc"s, "p~c"s, "[pc]"s, " pc"s,
@@ -235,15 +232,15 @@ TEST(ComputerRegistry, DecidesNamesLimitAndLastSeenAndKeepsTheFileInStep) {
   EXPECT_EQ(computers.Rename("", "PRINTER", "203.0.113.9", edits), Renamed::Renamed);  // an ARP-only row
   EXPECT_EQ(computers.Rename("gone", "X", "198.51.100.7", edits), Renamed::NotFound);
   computers.Remove("NAS", "198.51.100.5", edits);
-  before = test::ReadFile(hs.FilePath(kIniFile));
-  hs.EditIni(kIniFile, [&](IniTool& ini) { computers.WriteEdits(ini, edits); });
+  before = ReadFile(hs_.FilePath(kIniFile));
+  hs_.EditIni(kIniFile, [&](IniTool& ini) { computers.WriteEdits(ini, edits); });
   EXPECT_TRUE(writtenOnce());
   EXPECT_EQ(section("Computer"),
             (Names{longest + "=", "HOST=198.51.100.20", "MY PC;[1]#\"'=", "OFFICE=198.51.100.5",
                    "PC]=", "PRINTER=203.0.113.9", "\xef\xbb\xbfPC\xe9="}));
   EXPECT_EQ(section("ARP"), Names{"198.51.100.20=02-00-00-00-00-14"});
 
-  before = test::ReadFile(hs.FilePath(kIniFile));
+  before = ReadFile(hs_.FilePath(kIniFile));
   computers.ReplaceArp({{{"198.51.100.5", "02-AA"}, {"198.51.100.6", "02-BB"}, {"198.51.100.5", "02-CC"}},
                         {{"203.0.113.9", "02-DD"}}},
                        "198.51.100.20");
@@ -265,7 +262,7 @@ TEST(ComputerRegistry, DecidesNamesLimitAndLastSeenAndKeepsTheFileInStep) {
   EXPECT_EQ(computers.Learn("pc1025"), Learned::Full);
   EXPECT_EQ(computers.Learn("OLD9"), Learned::Refreshed);
   EXPECT_EQ(computers.Count(), 1024u);
-  EXPECT_TRUE(reporter.calls.empty());
+  EXPECT_TRUE(reporter_.calls.empty());
 }
 
 }  // namespace
