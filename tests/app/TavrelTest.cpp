@@ -8,13 +8,38 @@
 
 #include "TestSupport.h"
 #include "app/CommandLine.h"
+#include "app/Log.h"
 #include "app/Tavrel.h"
 #include "lan/LanScan.h"
 #include "platform/Host.h"
+#include "platform/LineEnd.h"
 #include "xap/XapTransport.h"
 
 namespace tavrel {
 namespace {
+
+using namespace std::string_literals;
+
+// Events wait in the pending list until the transport is up; their sending is tested end to end.
+TEST(LogTest, LinesGoToTheFileAndEventsToXapByteForByte) {
+  test::TempDir home;
+  ManualClock clock{MakeDateTime(2026, 11, 22, 9, 30, 5)};
+  XapGlobal xap;
+  Log log{home.Path() / "Data", clock, xap};
+  log.WriteLog("tavrel", "Main Load");
+  log.WriteLog("IniTool", "x", Err{5, "bad", 12});
+  const std::string nl(platform::kLineEnd);
+  EXPECT_EQ(test::ReadFile(home.Path() / "Data" / "tavrel.txt"),
+            "tavrel Main Load 0 " + nl + "IniTool x 12 bad" + nl);
+  log.ReportEvent("tavrel", "Using xAP port 3639");
+  log.ReportEvent("IniTool", " Equal sign not found on line abc", Err{5, "Invalid call", 3});
+  const std::string time = "Time\x01"s + "2026-11-22 09:30:05\0Type\x01"s;
+  EXPECT_EQ(xap.Pending(),
+            (std::vector<XapQueuedMessage>{
+                {"", "Homeseer.Event", "Event.Log", time + "tavrel\0Data\x01Using xAP port 3639"s},
+                {"", "Homeseer.Event", "Event.Log",
+                 time + "IniTool\0Data\x01 Equal sign not found on line abc Line 3 Invalid call"s}}));
+}
 
 // The application started on loopback: a test socket holds the xAP port, so the node binds its own.
 class TavrelTest : public ::testing::Test {
@@ -52,6 +77,15 @@ TEST_F(TavrelTest, StartLoadsTheComputersAndOneCallHandsEveryWaitingSenderToThem
   app->onMessage();
   EXPECT_EQ(app->Transport()->GetMessage(), "");
   EXPECT_EQ(app->Computers().Count(), 4u);  // this machine, pc1, pc2 and pc3
+  // The port the hub holds is taken; the fallback is bound on 127.0.0.1 alone, so 127.0.0.2 can take it too.
+  const long port = app->Transport()->LocalPort();
+  EXPECT_GE(port, XapTransport::kFirstFallbackPort);
+#ifndef _WIN32
+  std::error_code ec;
+  asio::ip::udp::socket(io, asio::ip::udp::v4())
+      .bind({asio::ip::make_address_v4("127.0.0.2"), static_cast<unsigned short>(port)}, ec);
+  EXPECT_FALSE(ec) << ec.message();
+#endif
 }
 
 // Exit through the menu is tested end to end; closing the window alone ends nothing.

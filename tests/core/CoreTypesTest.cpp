@@ -1,16 +1,20 @@
 #include <filesystem>
 
+#include <asio/io_context.hpp>
 #include <gtest/gtest.h>
 
 #include "TestSupport.h"
 #include "core/Clock.h"
 #include "core/Folders.h"
 #include "core/OrderedDict.h"
+#include "core/Timer.h"
 
 namespace tavrel {
 namespace {
 
 using Names = std::vector<std::string>;
+using std::chrono::milliseconds;
+namespace fs = std::filesystem;
 
 // Binary compare: case matters. Text compare: a key keeps its first spelling; a copy owns its entries.
 TEST(OrderedDict, KeepsInsertionOrderAndTheFirstOfEqualKeys) {
@@ -31,21 +35,22 @@ TEST(OrderedDict, KeepsInsertionOrderAndTheFirstOfEqualKeys) {
   EXPECT_TRUE(text.Remove("pc1") && text.Empty());
 }
 
-// The text forms are checked in pages, events and settings; here what they refuse and the minute count.
+// The text forms are checked in pages, events and settings; here what they refuse and the minute count,
+// which counts the calendar minute boundaries crossed.
 TEST(Clock, ParsingRefusesImpossibleTimesAndMinutesCountBoundariesCrossed) {
   DateTime back;
   ASSERT_TRUE(ParseDateTime("2026-11-22 09:05:07", back));
   EXPECT_EQ(back, MakeDateTime(2026, 11, 22, 9, 5, 7));
   for (const char* bad : {"2026-02-30 00:00:00", "2026-11-22 24:00:00", "2026-11-22T09:05:07", ""})
     EXPECT_FALSE(ParseDateTime(bad, back)) << bad;
-  // Minutes count the calendar minute boundaries crossed.
-  auto diff = [](int h, int m, int s, int day, int h2, int m2, int s2) {
-    return DateDiffMinutes(MakeDateTime(2026, 1, 1, h, m, s), MakeDateTime(2026, 1, day, h2, m2, s2));
-  };
-  EXPECT_EQ(diff(10, 0, 59, 1, 10, 1, 0), 1);
-  EXPECT_EQ(diff(10, 1, 0, 1, 10, 1, 59), 0);
-  EXPECT_EQ(diff(23, 59, 0, 2, 0, 1, 0), 2);
-  EXPECT_EQ(diff(10, 5, 0, 1, 10, 0, 30), -5);
+  const int cases[][8] = {{10, 0, 59, 1, 10, 1, 0, 1},
+                          {10, 1, 0, 1, 10, 1, 59, 0},
+                          {23, 59, 0, 2, 0, 1, 0, 2},
+                          {10, 5, 0, 1, 10, 0, 30, -5}};
+  for (const auto& c : cases)
+    EXPECT_EQ(DateDiffMinutes(MakeDateTime(2026, 1, 1, c[0], c[1], c[2]),
+                              MakeDateTime(2026, 1, c[3], c[4], c[5], c[6])),
+              c[7]);
 }
 
 TEST(Folders, ChainStopsBeforeTheFileNameAndMissingFoldersAreCreated) {
@@ -57,16 +62,48 @@ TEST(Folders, ChainStopsBeforeTheFileNameAndMissingFoldersAreCreated) {
   test::TempDir dir;
   test::RecordingReporter reporter;
   CreateFolders((dir.Path() / "a" / "b" / "file.ini").string(), reporter);
-  EXPECT_TRUE(std::filesystem::is_directory(dir.Path() / "a" / "b"));
-  EXPECT_FALSE(std::filesystem::exists(dir.Path() / "a" / "b" / "file.ini"));
+  EXPECT_TRUE(fs::is_directory(dir.Path() / "a" / "b") && !fs::exists(dir.Path() / "a" / "b" / "file.ini"));
   test::WriteFile(dir.Path() / "plain", "x");
   CreateFolders((dir.Path() / "plain" / "sub" / "f").string(), reporter);
   ASSERT_EQ(reporter.calls.size(), 1u);
-  EXPECT_EQ(reporter.calls[0].module + "|" + reporter.calls[0].text, "tavrel| CreateFolders ");
   EXPECT_TRUE(reporter.calls[0].err.IsSet());
   CreateHomeFolders(dir.Path() / "home", reporter);
-  EXPECT_TRUE(std::filesystem::is_directory(dir.Path() / "home" / "Config") &&
-              std::filesystem::is_directory(dir.Path() / "home" / "Data"));
+  EXPECT_TRUE(fs::is_directory(dir.Path() / "home" / "Config") &&
+              fs::is_directory(dir.Path() / "home" / "Data"));
+}
+
+// The loop's timers: what a replaced, stopped or destroyed arming leaves behind must never fire, even
+// when its completion is already queued on the loop; a repeating one runs until its callback stops it.
+TEST(LoopTimerTest, OnlyTheLatestArmingOfALiveTimerFiresAndARepeatingOneRunsUntilStopped) {
+  asio::io_context io;
+  LoopTimers timers(io);
+  std::string fired;
+  auto replaced = timers.Create();
+  replaced->Start(milliseconds(0), [&] { fired += "old "; });
+  replaced->Start(milliseconds(0), [&] { fired += "new "; });
+  auto stopped = timers.Create(), destroyed = timers.Create(), first = timers.Create();
+  // All three fall due together; the first to run stops and destroys the others, whose completions are
+  // then already queued on the loop.
+  first->Start(milliseconds(0), [&] {
+    stopped->Stop();
+    destroyed.reset();
+  });
+  stopped->Start(milliseconds(0), [&] { fired += "stopped "; });
+  destroyed->Start(milliseconds(0), [&] { fired += "destroyed "; });
+  auto self = timers.Create();
+  self->Start(milliseconds(0), [&] {
+    self.reset();
+    fired += "self ";
+  });
+  int ticks = 0;
+  auto repeating = timers.Create();
+  repeating->StartRepeating(milliseconds(1), [&] {
+    if (++ticks == 3) repeating->Stop();
+  });
+  io.run();
+  EXPECT_EQ(fired, "new self ");
+  EXPECT_EQ(ticks, 3);
+  EXPECT_FALSE(replaced->Armed() || repeating->Armed());
 }
 
 }  // namespace

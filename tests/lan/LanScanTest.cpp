@@ -1,7 +1,7 @@
-#include <algorithm>
 #include <chrono>
 #include <map>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -11,6 +11,7 @@
 #include "ManualTimers.h"
 #include "TestSupport.h"
 #include "core/Text.h"
+#include "lan/ComputerActions.h"
 #include "lan/LanScan.h"
 
 namespace tavrel {
@@ -63,19 +64,8 @@ class LanScanTest : public ::testing::Test {
   LanScan scan{io, timers, computers, hs, xap, reporter, [this] { return localIp; }, home.Path()};
 };
 
-// The batch files are the whole contract with CMD.EXE, so their text is checked on every platform.
-TEST(BatchFilesTest, NumberedByListPositionWithCrLfInTheTempFolderOfTheHomeDrive) {
-  BatchFiles first = MakeBatchFiles(0, "198.51.100", "C:\\Temp");
-  EXPECT_EQ(first.p, "ping -n 1 -l 1 %1.%2\r\narp -a %1.%2\r\n");
-  EXPECT_EQ(first.p2, "for /l %%i in (1,1,254) do C:\\Temp\\p0.bat 198.51.100 %%i\r\n");
-  EXPECT_EQ(first.p3, "C:\\Temp\\p20.bat > C:\\Temp\\p0.log\r\n");
-  EXPECT_EQ(MakeBatchFiles(12, "203.0.113", "D:\\Temp").p3, "D:\\Temp\\p212.bat > D:\\Temp\\p12.log\r\n");
-  EXPECT_EQ(BatchTempFolder("C:\\Program Files\\tavrel"), "C:\\Temp");
-}
-
-// The log reader: "dynamic" lines only (case matters), MACs in upper case, a "dynamic" line without a MAC
-// logged and skipped; one log per subnet of the list (a missing one is empty) goes to the registry, with
-// this machine's address.
+// The log reader: "dynamic" lines only (case matters), MACs in upper case, a line without a MAC logged and
+// skipped; each subnet's log (a missing one is empty) goes to the registry, with this machine's address.
 TEST_F(LanScanTest, ReaderHandsTheDynamicLinesOfEachSubnetToTheRegistry) {
   SetWol("Subnet", "198.51.100,192.0.2,203.0.113");
   computers.SetOwnAddress(localIp, "02-00-00-00-00-14");
@@ -94,9 +84,8 @@ TEST_F(LanScanTest, ReaderHandsTheDynamicLinesOfEachSubnetToTheRegistry) {
   EXPECT_EQ(reporter.Take(), Texts{"log|tavrel|ARPTimer_Timer|9|Subscript out of range"});
 }
 
-// Subnet "" means this machine's subnet, so only "p0.log" is read. A local address without "." fails the
-// sweep (reported, nothing started, the timer armed); the timer's placeholder "a.b.c" is no subnet, so
-// nothing is read.
+// Subnet "" means this machine's subnet: only "p0.log" is read. A local address without "." fails the sweep
+// (reported, the timer armed); the timer's placeholder "a.b.c" is no subnet, so nothing is read.
 TEST_F(LanScanTest, EmptySubnetSettingReadsTheLocalSubnetOnly) {
   WriteLog(0, "  198.51.100.7          02-aa-bb-cc-dd-07     dynamic\r\n");
   WriteLog(1, "  203.0.113.5           02-aa-bb-cc-ee-05     dynamic\r\n");
@@ -111,10 +100,9 @@ TEST_F(LanScanTest, EmptySubnetSettingReadsTheLocalSubnetOnly) {
   EXPECT_TRUE(Arp().empty());
 }
 
-// Loopback subnets are never probed, so a sweep ends on the next turn of the loop without a packet (the
-// native sweep of real subnets is run on the namespace testbed). Stop leaves nothing running; a sweep run
-// to its end writes logs by list number (blanks around a subnet allowed) and reads them at once. Entries
-// that are no subnet are reported at every sweep.
+// Loopback is never probed, so a sweep ends on the next turn of the loop (real subnets: the namespace
+// testbed). A sweep writes logs by list number (blanks around a subnet allowed) and reads them at once;
+// entries that are no subnet are reported at every sweep.
 TEST_F(LanScanTest, QueryLanAsksEveryAgentThenSweepsUntilStoppedOrDoneWritingLogsByListNumber) {
   SetWol("Subnet", "127.0.0,10.1, 127.0.1 ,a.b.c");
   scan.QueryLAN();
@@ -134,9 +122,8 @@ TEST_F(LanScanTest, QueryLanAsksEveryAgentThenSweepsUntilStoppedOrDoneWritingLog
   EXPECT_EQ(reporter.Take(), (Texts{invalid[0], invalid[1], invalid[0], invalid[1]}));
 }
 
-// The batch sweep with the interpreter stood in for: each start writes the log "arp -a" would give for its
-// subnet (from logs, by list number) and leaves a process running until its "release<i>" file appears. The
-// home is "hm/home" below the test's folder, so the drive's Temp folder is "hm/Temp" there.
+// The interpreter stood in for: each start writes the log "arp -a" would give (logs, by list number) and
+// runs until its "release<i>" file appears. The home is "hm/home", so the drive's Temp folder is "hm/Temp".
 class BatchSweepTest : public LanScanTest {
  protected:
   BatchSweepTest() {
@@ -189,9 +176,8 @@ TEST_F(BatchSweepTest, ScanMethodPicksTheSweepAndLogsAFallback) {
   }
 }
 
-// Files numbered by the place in the list, written to the drive's Temp folder (made when missing), an old
-// log deleted just before its interpreter starts; only the last interpreter is watched; then the logs are
-// read like those of the native sweep.
+// Files numbered by the place in the list, in the drive's Temp folder (made when missing); an old log goes
+// just before its interpreter starts; only the last interpreter is watched, then the logs are read.
 TEST_F(BatchSweepTest, WritesAndStartsEveryValidSubnetAndReadsOnceTheLastInterpreterHasEnded) {
   SetWol("Subnet", "198.51.100, 1.2.3&calc ,203.0.113");
   logs = {{0, "  198.51.100.7          00-11-22-33-44-55     dynamic\r\n"},
@@ -199,13 +185,13 @@ TEST_F(BatchSweepTest, WritesAndStartsEveryValidSubnetAndReadsOnceTheLastInterpr
   auto batch = Scan(true);
   batch->BuildARPTable();
   EXPECT_EQ(started, (Texts{temp + "\\p30.bat |", temp + "\\p32.bat | p0.log"}));
-  for (const auto& [i, subnet] : {std::pair{0, "198.51.100"}, std::pair{2, "203.0.113"}}) {
-    const BatchFiles files = MakeBatchFiles(i, subnet, temp);
-    std::string written;
-    for (const char* kind : {"p", "p2", "p3"})
-      written += test::ReadFile("hm/Temp/" + (kind + std::to_string(i)) + ".bat");
-    EXPECT_EQ(written, files.p + files.p2 + files.p3);
-  }
+  // The batch files are the whole contract with CMD.EXE.
+  EXPECT_EQ(test::ReadFile("hm/Temp/p2.bat") + test::ReadFile("hm/Temp/p22.bat") +
+                test::ReadFile("hm/Temp/p32.bat"),
+            "ping -n 1 -l 1 %1.%2\r\narp -a %1.%2\r\nfor /l %%i in (1,1,254) do " + temp +
+                "\\p2.bat 203.0.113 %%i\r\n" + temp + "\\p22.bat > " + temp + "\\p2.log\r\n");
+  EXPECT_EQ(test::ReadFile("hm/Temp/p20.bat"),
+            "for /l %%i in (1,1,254) do " + temp + "\\p0.bat 198.51.100 %%i\r\n");
   EXPECT_FALSE(fs::exists("hm/Temp/p1.bat") || fs::exists("hm/Temp/p21.bat") ||
                fs::exists("hm/Temp/p31.bat"));
   EXPECT_EQ(reporter.Take(), Texts{"event|tavrel|BuildARPTable|5|Invalid subnet  1.2.3&calc "});
@@ -222,6 +208,52 @@ TEST_F(BatchSweepTest, WritesAndStartsEveryValidSubnetAndReadsOnceTheLastInterpr
   started.clear();
   batch->BuildARPTable();
   EXPECT_EQ(started, (Texts{temp + "\\p30.bat | p2.log", temp + "\\p32.bat | p0.log"}));
+}
+
+TEST(MagicPacket, SixFFThenTheMacSixteenTimesForTwelveHexDigitsOfEitherCaseOnly) {
+  std::vector<unsigned char> expected(6, 0xFF);
+  for (int copy = 0; copy < 16; ++copy) expected.insert(expected.end(), {0x00, 0x1A, 0x2B, 0xC3, 0xD4, 0xFE});
+  EXPECT_EQ(MagicPacket("001a2BC3d4Fe"), expected);
+  for (const std::string text : {"", "001A2BC3D4F", "001A2BC3D4FE0", "00-1A-2B-C3-D4-FE", "001A2BC3D4FG"})
+    EXPECT_THROW(MagicPacket(text), std::invalid_argument) << text;
+}
+
+// "-", ":" and "." are dropped wherever they stand; nothing else is.
+TEST(MacDigits, TheTwelveDigitsLeftOnceDashesColonsAndDotsAreGone) {
+  for (const char* mac :
+       {"00-11-22-aa-BB-cc", "00:11:22:aa:BB:cc", "0011.22aa.BBcc", "001122aaBBcc", "0-0-1122aaBBcc--"})
+    EXPECT_EQ(MacDigits(mac), "001122aaBBcc") << mac;
+  for (const char* mac : {"", "00-11-22-33-44", "00-11-22-33-44-55-66", "00 11 22 33 44 55",
+                          "00_11_22_33_44_55", "00-11-22-33-44-GG", "0x0011223344"})
+    EXPECT_EQ(MacDigits(mac), "") << mac;
+}
+
+TEST(WolBroadcast, LastOctetBecomes255OnlyForDottedDecimalIPv4) {
+  EXPECT_EQ(WolBroadcast("198.51.100.7"), "198.51.100.255");
+  EXPECT_EQ(WolBroadcast("198.051.100.007"), "198.51.100.255");  // leading zeros: decimal, not written back
+  for (const char* ip : {"198.51.100", "198.51.100.7.1", "198.51.100.256", "198..100.7", "a.b.c.d",
+                         " 198.51.100.7", "198.51.100.-7", "198.51.100.+7", "198.51.100.0007", "::1"})
+    EXPECT_EQ(WolBroadcast(ip), "") << ip;
+}
+
+// Only refused input is sent here: a valid MAC and IP would put a real broadcast on the wire.
+TEST(SendWOL, RefusedInputIsReportedAsAnEventAndNotSent) {
+  const std::string digits =
+      "\" is not 12 hexadecimal digits (such as 00-11-22-33-44-55, 00:11:22:33:44:55 or 0011.2233.4455)";
+  EXPECT_EQ(WolInputError("00:11:22:33:44:55", "198.51.100.7"), "");
+  EXPECT_EQ(WolInputError(std::string(1000, 'Z'), "198.51.100.7"),
+            "MAC address \"" + std::string(64, 'Z') + "..." + digits);
+  test::RecordingReporter reporter;
+  EXPECT_FALSE(SendWOL("00:11:22:33:44", "198.51.100.7", reporter) || SendWOL("001122334455", "", reporter));
+  EXPECT_EQ(reporter.Take(), (Texts{"event|tavrel|SendWOL|5|MAC address \"00:11:22:33:44" + digits,
+                                    "event|tavrel|SendWOL|5|IP address \"\" is not a dotted IPv4 address"}));
+}
+
+TEST(SendComputerControl, SendsTheActionToTheComputerAsItIsNamed) {
+  XapGlobal xap;  // no transport: the message waits in the pending list
+  SendComputerControl("Office PC", "Reboot", xap);
+  EXPECT_EQ(xap.Pending(), (std::vector<XapQueuedMessage>{{"*.*.Office PC", "Computer.Process",
+                                                           "Computer.Control", "Action\001Reboot"}}));
 }
 
 }  // namespace

@@ -143,14 +143,19 @@ TEST(Freshness, OnlyDynamicEntriesConfirmedSinceTheSweepBeganOrHostsThatRefusedC
                IcmpShowsHost(11, 0, kHostIp, kHostIp));
 }
 
-// Probing, rounds and results are checked on the namespace testbed; this probe finds nothing.
+// Probing itself is checked on the namespace testbed; this probe counts each round's addresses, and the
+// hosts of late answer from the second round on.
 struct FakeProbe : NeighbourProbe {
-  void Probe(const std::vector<Ipv4>&) override {}
+  void Probe(const std::vector<Ipv4>& ips) override {
+    rounds.push_back(ips.size());
+    if (rounds.size() == 2) present.insert(present.end(), late.begin(), late.end());
+  }
   std::vector<Neighbour> Answered() override { return present; }
   std::string Method() const override { return "fake"; }
   std::size_t SendFailures() const override { return failures; }
   std::error_code FirstSendError() const override { return make_error_code(std::errc::no_buffer_space); }
-  std::vector<Neighbour> present;
+  std::vector<Neighbour> present, late;
+  std::vector<std::size_t> rounds;
   std::size_t failures = 0;
 };
 
@@ -186,7 +191,13 @@ class SweepTest : public ::testing::Test {
   std::shared_ptr<FakeProbe> probe = std::make_shared<FakeProbe>();
 };
 
-TEST_F(SweepTest, CancelledSweepsStaySilentAndFailuresOrAThrowingDoneAreReportedNeverThrown) {
+TEST_F(SweepTest, SilentHostsAreAskedAgainCancelledSweepsStaySilentAndFailuresAreReportedNeverThrown) {
+  probe->present = {{Ip(198, 51, 100, 9), kHostMac}};
+  probe->late = {{kHostIp, kHostMac}};  // silent at first, answers the retry
+  EXPECT_EQ(Sweep(Make(), {"198.51.100"}),
+            (Result{{{"198.51.100.7", "02-00-c6-33-64-07"}, {"198.51.100.9", "02-00-c6-33-64-07"}}}));
+  EXPECT_EQ(probe->rounds, (std::vector<std::size_t>{254, 253}));
+  probe->present.clear();
   auto old = [](const Result&) { ADD_FAILURE() << "Done of a cancelled sweep"; };
   Make().Start({"198.51.100"}, old);  // destroyed while it runs
   NativeSweep sweep = Make();

@@ -54,14 +54,6 @@ class XapHandlerTest : public ::testing::Test {
   Lines RoleQueryFrom(const std::string& name) {
     return Outputs(Message("Homeseer.Role", "acme.tester." + name, "", "Role.Query", "Role=any\n"));
   }
-  std::string Reports() {
-    std::string text;
-    for (const auto& call : reporter_.calls)
-      text += (call.event ? "event " : "log ") + call.module + "|" + call.text + "\n";
-    reporter_.calls.clear();
-    return text;
-  }
-
   test::TempDir home_;
   test::RecordingReporter reporter_;
   Hs hs_{home_.Path() / "Config", reporter_};
@@ -98,27 +90,30 @@ TEST_F(XapHandlerTest, SendersAreHandedOnByTheLastSourcePartAndOnlyNewOnesQuerie
 // A sender the registry declines is still served; the first of a reason is reported at once, later ones
 // are counted and reported together once a minute has passed.
 TEST_F(XapHandlerTest, DeclinedSendersAreServedAndReportedAtOnceThenAtMostOnceAMinute) {
-  const std::string unstorable =
-      "event tavrel|LearnSender skipped 1 sender name(s) the settings file cannot hold\n";
+  const auto skipped = [](const char* count) {
+    return Lines{"event|tavrel|LearnSender skipped "s + count +
+                 " sender name(s) the settings file cannot hold|0|"};
+  };
   EXPECT_EQ(RoleQueryFrom("a=1"), Lines{kRoleAnswer});
-  EXPECT_EQ(Reports(), unstorable);
-  RoleQueryFrom("b=1");
-  clock_.Advance(std::chrono::seconds(59));
-  RoleQueryFrom("c=1");
-  RoleQueryFrom("pc8");
-  EXPECT_EQ(Reports(), "");
+  EXPECT_EQ(reporter_.Take(), skipped("1"));
+  for (auto [wait, name] : {std::pair{0, "b=1"}, {59, "c=1"}, {0, "pc8"}}) {
+    clock_.Advance(std::chrono::seconds(wait));
+    RoleQueryFrom(name);
+  }
+  EXPECT_EQ(reporter_.Take(), Lines{});
   clock_.Advance(std::chrono::seconds(1));
   RoleQueryFrom("pc9");  // any message brings the count out once the minute is over
-  EXPECT_EQ(Reports(), "event tavrel|LearnSender skipped 2 sender name(s) the settings file cannot hold\n");
+  EXPECT_EQ(reporter_.Take(), skipped("2"));
   clock_.Advance(std::chrono::seconds(60));
   RoleQueryFrom("d=1");  // after a quiet minute, at once again
-  EXPECT_EQ(Reports(), unstorable);
+  EXPECT_EQ(reporter_.Take(), skipped("1"));
 
   ComputerRegistry::Edits edits;
   for (size_t k = computers_.Count(); k < kMaxLearnedComputers; ++k)
     computers_.Rename("", "old" + std::to_string(k), "198.51.100.1", edits);
   EXPECT_EQ(RoleQueryFrom("pc1025"), Lines{kRoleAnswer});
-  EXPECT_EQ(Reports(), "event tavrel|LearnSender skipped 1 new sender(s) past 1024 computers\n");
+  EXPECT_EQ(reporter_.Take(),
+            Lines{"event|tavrel|LearnSender skipped 1 new sender(s) past 1024 computers|0|"});
 }
 
 // The answers themselves are checked byte for byte end to end; here, which messages are meant for this node.
@@ -170,23 +165,16 @@ TEST_F(XapHandlerTest, FailureIsReportedAsAnEventWithPositionsAndTheReceivedText
   handler_.Handle(
       "xap-header\n{\nclass=Computer.Process\nsource=a.b.hub\ntarget=x.y.pc7\n}\nComputer.Control\n"
       "{\nAction=WOL\n}\n");
-  ASSERT_EQ(reporter_.calls.size(), 1u);
-  const auto& call = reporter_.calls[0];
-  EXPECT_EQ((call.event ? "event " : "log ") + call.module + "|" + call.text + "|" + call.err.Description,
-            "event tavrel|Readmessage i=37,j=51, xap-header, {, class=Computer.Process, source=a.b.hub, "
-            "target=x.y.pc7, }, Computer.Control, {, Action=WOL, }|no adapter");
+  EXPECT_EQ(reporter_.Take(),
+            Lines{"event|tavrel|Readmessage i=37,j=51, xap-header, {, class=Computer.Process, "
+                  "source=a.b.hub, target=x.y.pc7, }, Computer.Control, {, Action=WOL, }|5|no adapter"});
   EXPECT_NE(computers_.FindByName("hub"), nullptr);  // learned before the failure, and kept
-}
-
-TEST(XapHandlerDiagnosticText, JoinsLinesShowsControlBytesAndCutsTheRenderedText) {
+  // Control bytes are shown as hex, lines joined with ", " and the text is cut after 500 bytes.
+  EXPECT_EQ(XapHandler::DiagnosticText("a\r\nb\x01\0\x7f\xe9\n"s), "a<0D>, b<01><00><7F>\xe9");
   std::string tabs;
   for (int k = 0; k < 125; ++k) tabs += "<09>";
-  // One final line feed is dropped; the rendered text is cut after 500 bytes.
-  const std::pair<std::string, std::string> cases[] = {{"a\r\nb\x01\0\n"s, "a<0D>, b<01><00>"},
-                                                       {"\n\nx\x7f\xe9", ", , x<7F>\xe9"},
-                                                       {std::string(125, '\t'), tabs},
-                                                       {std::string(300, '\t'), tabs + "..."}};
-  for (const auto& [text, shown] : cases) EXPECT_EQ(XapHandler::DiagnosticText(text), shown);
+  EXPECT_EQ(XapHandler::DiagnosticText(std::string(125, '\t')), tabs);
+  EXPECT_EQ(XapHandler::DiagnosticText(std::string(300, '\t')), tabs + "...");
 }
 
 }  // namespace

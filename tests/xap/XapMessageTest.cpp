@@ -1,9 +1,11 @@
+#include <filesystem>
 #include <string>
 
 #include <gtest/gtest.h>
 
 #include "TestSupport.h"
 #include "xap/XapMessage.h"
+#include "xap/XapStartup.h"
 
 namespace tavrel {
 namespace {
@@ -17,17 +19,16 @@ std::string Header(const XapMessage& m) {
   return m.msgUID + "|" + m.msgClass + "|" + m.msgSource + "|" + m.msgTarget;
 }
 
-TEST(XapMessageParse, HeaderFieldsAreTrimmedAndBodyLinesKeptRaw) {
-  XapMessage m;
-  m.FromXap(kQuery);
-  EXPECT_EQ(Header(m), "FF00AA00|Computer.Process|zel.agent.pc7|zel.WOL.host");
-  EXPECT_EQ(m.GetItem("computer.query", "QUERY") + "|" + m.GetItem("Computer.Query", "name"), "All| a=b");
-  EXPECT_EQ(m.GetItem("Computer.Control", "Query") + m.GetItem("Computer.Query", "Action"), "UnknownUnknown");
-}
-
-// Not a message: nothing changes. The first two lines are skipped, later header keys win, only a bare brace
-// ends a block, names are lower-cased and not trimmed, and a received CR stays in the value.
-TEST(XapMessageParse, BlocksEndOnlyAtABareBraceAndLaterHeaderKeysWin) {
+// Header fields are trimmed, body lines kept raw. Not a message: nothing changes. The first two lines are
+// skipped, later header keys win, only a bare brace ends a block, names are lower-cased and not trimmed,
+// and a received CR stays in the value.
+TEST(XapMessageParse, HeaderFieldsAreTrimmedBlocksEndOnlyAtABareBraceAndLaterHeaderKeysWin) {
+  XapMessage query;
+  query.FromXap(kQuery);
+  EXPECT_EQ(Header(query), "FF00AA00|Computer.Process|zel.agent.pc7|zel.WOL.host");
+  EXPECT_EQ(query.GetItem("computer.query", "QUERY") + "|" + query.GetItem("Computer.Query", "name") + "|" +
+                query.GetItem("Computer.Control", "Query") + query.GetItem("Computer.Query", "Action"),
+            "All| a=b|UnknownUnknown");
   for (const char* text : {"", "xap-hbeat\n{\nv=12\nhop=1\nuid=FF001500\nclass=xap-hbeat.alive\n}\n",
                            "hello\nclass=x\n}\nA\n{\nk=v\n}\n"}) {
     XapMessage m;
@@ -64,6 +65,28 @@ TEST(XapMessageCompare, AddressWildcardsOnEitherSideAndTheHeaderFields) {
   m.FromXap(kQuery);
   EXPECT_TRUE(m.CompareClass("computer.PROCESS") && !m.CompareClass("*"));  // a class is no address
   EXPECT_TRUE(m.CompareTarget("*.WOL.>"));
+}
+
+// A fresh home gets the defaults; a port that is no port number falls back with a log line.
+TEST(XapStartupTest, FoldersDefaultsAndThePortSetting) {
+  test::TempDir home;
+  test::RecordingReporter log;
+  Hs hs{home.Path() / "Config", log};
+  auto run = [&](const std::string& ini) {
+    if (!ini.empty()) test::WriteFile(home.Path() / "Config" / "zelXap.ini", "[Interface]\n" + ini + "\n");
+    const XapStartup s = InitXap(hs, log);
+    std::string text = s.InterfaceAddress + "|" + s.BroadcastAddress + "|" + std::to_string(s.Port);
+    for (const auto& c : log.Take()) text += " " + c;
+    return text;
+  };
+  EXPECT_EQ(run(""), "Default|Default|3639");
+  EXPECT_TRUE(std::filesystem::exists(InitXap(hs, log).ExecutablePath));
+  EXPECT_EQ(run("InterfaceAddress=198.51.100.4\nbroadcastaddress=127.0.0.1\nPORT=40000"),
+            "198.51.100.4|127.0.0.1|40000");
+  for (const char* bad : {"abc", "0", "65536", "-1", "12x", "99999999999999999999"})
+    EXPECT_EQ(run(std::string("Port=") + bad).substr(0, 40), "Default|Default|3639 log|tavrel|InitXap|")
+        << bad;
+  EXPECT_EQ(run("Port= 65535") + "," + run("Port=1"), "Default|Default|65535,Default|Default|1");
 }
 
 }  // namespace

@@ -3,8 +3,6 @@
 #include <tuple>
 #include <vector>
 
-#include <asio/io_context.hpp>
-#include <asio/ip/udp.hpp>
 #include <gtest/gtest.h>
 
 #include "ManualTimers.h"
@@ -44,8 +42,8 @@ class NodeRulesTest : public ::testing::Test {
   }
   std::string Logged() {
     std::string text;
-    for (const auto& c : log.calls) text += c.text + "|" + std::to_string(c.err.Number) + "\n";
-    log.calls.clear();
+    for (const auto& c : std::exchange(log.calls, {}))
+      text += c.text + "|" + std::to_string(c.err.Number) + "\n";
     return text;
   }
   std::vector<std::string> Drain() {
@@ -127,12 +125,10 @@ TEST_F(NodeRulesTest, OversizedAndOverflowingMessagesAreDroppedWithOneLogLineAMi
   // Full by count, then (after draining) full by bytes; what does not fit is counted, never kept.
   for (size_t i = 0; i < XapNode::kQueueLimit + 3; ++i) node.ProcessReceivedMessage("xap-header\n");
   EXPECT_TRUE(node.QueueFull());
-  EXPECT_EQ(node.QueueLength(), XapNode::kQueueLimit);
   EXPECT_EQ(Logged(), "");
   timers.Advance(60s);
   EXPECT_EQ(Logged(), "ProcessReceivedMessage dropped 3 message(s), receive queue full|0\n");
   EXPECT_EQ(Drain().size(), XapNode::kQueueLimit);
-  EXPECT_FALSE(node.QueueFull());
   for (size_t i = 0; i <= XapNode::kQueueByteLimit / fits.size(); ++i) node.ProcessReceivedMessage(fits);
   EXPECT_TRUE(node.QueueFull());
   EXPECT_LT(node.QueueLength(), XapNode::kQueueLimit);
@@ -150,30 +146,6 @@ TEST_F(NodeRulesTest, SendSkipsBodyPiecesWithoutASeparatorBarsBecomeLineFeedsAnd
   node.Send("", "C", "B", "");
   node.SendHeartbeat(60);
   EXPECT_EQ(Logged(), "SendXap |10065\nSendHeartbeat|10065\n");
-}
-
-// The fallback port is bound on 127.0.0.1 alone, so another loopback address can take it too; a closed
-// transport sends nothing and says so.
-TEST(XapTransportTest, BindsAFallbackPortOnLoopbackOnly) {
-  asio::io_context io;
-  test::RecordingReporter log;
-  LoopTimers timers(io);
-  asio::ip::udp::socket hub(io, {asio::ip::address_v4::loopback(), 0});
-  XapTransport xap(io, log, timers);
-  xap.SetBroadcastAddress("127.0.0.1");
-  xap.SetPort(hub.local_endpoint().port());
-  const long port = xap.Init();
-  ASSERT_GE(port, XapTransport::kFirstFallbackPort);
-#ifndef _WIN32
-  std::error_code ec;
-  asio::ip::udp::socket(io, asio::ip::udp::v4())
-      .bind({asio::ip::make_address_v4("127.0.0.2"), static_cast<unsigned short>(port)}, ec);
-  EXPECT_FALSE(ec) << ec.message();
-#endif
-  xap.Close();
-  xap.Send("", "C", "B", "");
-  ASSERT_EQ(log.calls.size(), 1u);
-  EXPECT_EQ(log.calls[0].text + "|" + std::to_string(log.calls[0].err.Number), "SendXap |40006");
 }
 
 }  // namespace
