@@ -84,11 +84,7 @@ inline int WaitExit(pid_t& pid, std::chrono::milliseconds deadline = 10s) {
 // a port of its own and every datagram the node broadcasts (to 127.0.0.1) arrives here.
 class Hub {
  public:
-  Hub() : fd_(BoundSocket(SOCK_DGRAM, port_)) {
-    int room = 16 << 20;  // a whole burst of answers (root may go past the system's cap)
-    if (setsockopt(fd_, SOL_SOCKET, SO_RCVBUFFORCE, &room, sizeof room) != 0)
-      setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &room, sizeof room);
-  }
+  Hub() : fd_(BoundSocket(SOCK_DGRAM, port_)) {}
   ~Hub() { close(fd_); }
 
   int Port() const { return port_; }

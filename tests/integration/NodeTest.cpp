@@ -1,8 +1,6 @@
 // The real program on loopback: what it sends and answers, byte for byte.
 #include <algorithm>
-#include <atomic>
 #include <regex>
-#include <set>
 
 #include <gtest/gtest.h>
 
@@ -39,33 +37,21 @@ std::string Heartbeat(const std::string& state, int port) {
          "\ninterval=600\nport=" + std::to_string(port) + "\n}\n";
 }
 
-bool IsClass(const std::string& text, const std::string& cls) { return Field(text, "class") == cls; }
-
 // The event report with its Time line replaced by "Time=*", once the time is checked for its form.
 std::string MaskTime(const std::string& text) {
   static const std::regex time("\nTime=\\d{4}-\\d{2}-\\d{2} \\d{2}:\\d{2}:\\d{2}\n");
   return std::regex_replace(text, time, "\nTime=*\n");
 }
 
-class NodeTest : public ::testing::Test {
- protected:
-  // Starts the node and returns the port it bound, read from its first heartbeat.
-  int StartNode(Node& node) {
-    node.Start();
-    std::string hb = hub.Heartbeat();
-    int port = std::atoi(Field(hb, "port").c_str());
-    EXPECT_EQ(hb, Heartbeat("alive", port));
-    return port;
-  }
-
-  Hub hub;
-};
-
-TEST_F(NodeTest, StartsWithHeartbeatThenHeldReportsThenThePortEventAndAnswers) {
+TEST(NodeTest, StartsWithHeartbeatThenHeldReportsThenThePortEventAndAnswers) {
   // A broken line in zelXap.ini is reported while the settings are read, before the transport is up.
+  Hub hub;
   Node node(hub.Port(), "", "garbage\n");
-  int port = StartNode(node);
-  EXPECT_NE(port, hub.Port());  // the hub holds the xAP port
+  node.Start();
+  const std::string hb = hub.Heartbeat();
+  const int port = std::atoi(Field(hb, "port").c_str());  // its own: the hub holds the xAP port
+  EXPECT_EQ(hb, Heartbeat("alive", port));
+  EXPECT_NE(port, hub.Port());
 
   const std::string held = FromNode("Homeseer.Event", "", "Event.Log",
                                     "Time=*\nType=IniTool\nData= Equal sign not found on line garbage\n");
@@ -76,7 +62,7 @@ TEST_F(NodeTest, StartsWithHeartbeatThenHeldReportsThenThePortEventAndAnswers) {
 
   // Answers are whole xAP messages (which questions get which answer is the handler's unit test's).
   hub.SendTo(port, Message("Homeseer.Role", "acme.hub.test", "", "Role.Query", "Role=ANY\n"));
-  EXPECT_EQ(hub.ReceiveUntil([](const std::string& t) { return IsClass(t, "Homeseer.Role"); }),
+  EXPECT_EQ(hub.ReceiveUntil([](const std::string& t) { return Field(t, "class") == "Homeseer.Role"; }),
             FromNode("Homeseer.Role", "", "Role.Notification",
                      "Role=Computer Management\nPath=" + std::string(TAVREL_BINARY) + "\n"));
 
@@ -88,49 +74,9 @@ TEST_F(NodeTest, StartsWithHeartbeatThenHeldReportsThenThePortEventAndAnswers) {
   EXPECT_NE(node.Ini().find("[ARP]"), std::string::npos);
 }
 
-// A burst is answered whole; a stream that never ends neither starves a signal nor grows memory.
-TEST_F(NodeTest, BurstIsAnsweredWholeAndAStreamNeitherDelaysASignalNorGrowsMemory) {
-  Node node(hub.Port());
-  int port = StartNode(node);
-  constexpr int kBurst = 10000;
-  std::set<std::string> answered;
-  std::thread reader([&] {
-    for (std::string t; answered.size() < kBurst && !(t = hub.Receive(3s)).empty();)
-      if (IsClass(t, "WDT.Echo")) answered.insert(Field(t, "Response"));
-  });
-  for (int i = 0; i < kBurst; ++i)
-    hub.SendTo(port,
-               Message("WDT.Echo", "acme.watch.test", "", "Echo.Query", "Query=" + std::to_string(i) + "\n"));
-  reader.join();
-  EXPECT_EQ(answered.size(), size_t{kBurst});
-
-  // Two senders as fast as they can; messages of a class the node does not answer, from a known sender.
-  std::atomic<bool> streaming{true};
-  const std::string idle = Message("xap.anything", "acme.agent.pcs", "", "x", "a=1\n");
-  auto sender = [&] {
-    Hub source;
-    while (streaming) source.SendTo(port, idle);
-  };
-  std::thread first(sender), second(sender);
-  std::this_thread::sleep_for(1s);
-  const std::string status = ReadFile("/proc/" + std::to_string(node.Pid()) + "/status");
-  [[maybe_unused]] const long rss = std::atol(status.c_str() + status.find("VmRSS:") + 6);  // KiB
-  const auto asked = steady_clock::now();
-  node.Signal(SIGTERM);
-  const int code = node.WaitExit();
-  const auto waited = std::chrono::duration_cast<std::chrono::milliseconds>(steady_clock::now() - asked);
-  streaming = false;
-  first.join(), second.join();
-  EXPECT_EQ(code, 0);
-  EXPECT_LT(waited, 1s) << "the signal waited behind the stream";
-#if !defined(__SANITIZE_ADDRESS__)
-  EXPECT_LT(rss, 16 * 1024) << "KiB resident during the stream";
-#endif
-}
-
 // `tavrel wake` sends the magic packet (the page's button and the xAP request send the same, through the
 // same code); a MAC of other than twelve digits sends nothing.
-TEST_F(NodeTest, TheWakeCommandSendsTheMagicPacketToTheComputersSubnet) {
+TEST(NodeTest, TheWakeCommandSendsTheMagicPacketToTheComputersSubnet) {
   if (geteuid() != 0) GTEST_SKIP() << "port 7 needs root";
   // 127.0.0.9/24 has the broadcast 127.0.0.255: loopback, so the packet stays on this machine.
   int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
@@ -139,25 +85,21 @@ TEST_F(NodeTest, TheWakeCommandSendsTheMagicPacketToTheComputersSubnet) {
   ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
   std::string expected(6, '\xFF');
   for (int i = 0; i < 16; ++i) expected += "\x00\x1A\x2B\x3C\x4D\x5E"s;
-  auto received = [fd] {
-    char buf[512];
-    pollfd p{fd, POLLIN, 0};
-    const ssize_t n = poll(&p, 1, 5000) == 1 ? recv(fd, buf, sizeof buf, 0) : 0;
-    return std::string(buf, static_cast<size_t>(std::max<ssize_t>(n, 0)));
-  };
   auto wake = [](const char* mac) {
     pid_t pid = Spawn({TAVREL_BINARY, "wake", mac, "127.0.0.9"});
     return WaitExit(pid);
   };
-
-  EXPECT_NE(wake("00-1A-2B-3C-4D"), 0);
-  EXPECT_NE(wake("00_1A_2B_3C_4D_5E"), 0);
+  EXPECT_NE(wake("00-1A-2B-3C-4D"), 0);  // which MACs are taken is the magic packet's unit test's
   EXPECT_EQ(wake("00:1a:2b:3c:4d:5e"), 0);
-  EXPECT_EQ(received(), expected);
+  char buf[512];
+  pollfd p{fd, POLLIN, 0};
+  const ssize_t n = poll(&p, 1, 5000) == 1 ? recv(fd, buf, sizeof buf, 0) : 0;
+  EXPECT_EQ(std::string(buf, static_cast<size_t>(std::max<ssize_t>(n, 0))), expected);
   close(fd);
 }
 
-TEST_F(NodeTest, UnusableBroadcastAddressEndsTheProgramWithALogLine) {
+TEST(NodeTest, UnusableBroadcastAddressEndsTheProgramWithALogLine) {
+  Hub hub;
   Node node(hub.Port());
   WriteFile(node.Home() / "Config" / "zelXap.ini",
             "[Interface]\nBroadcastAddress=not.an.address\nPort=" + std::to_string(hub.Port()) + "\n");
