@@ -50,11 +50,6 @@ class Host {
         sd_bus_request_name(bus_, kWatcher, 0) < 0)
       throw std::runtime_error("cannot play the tray host");
   }
-  // The host going away and coming back, as a panel does when it restarts.
-  void Restart() {
-    sd_bus_release_name(bus_, kWatcher);
-    sd_bus_request_name(bus_, kWatcher, 0);
-  }
   ~Host() { sd_bus_flush_close_unref(bus_); }
 
   // Serves the bus until cond holds or the deadline passes.
@@ -166,10 +161,6 @@ TEST_F(TrayTest, TheHostSeesTheIconAndItsMenuAndTheMenuDrivesTheProgram) {
   ASSERT_TRUE(host.Serve([&] { return !host.items.empty(); })) << "the item never registered\n" << Log();
   EXPECT_EQ(host.items[0], "org.kde.StatusNotifierItem-" + std::to_string(node->Pid()) + "-1");
 
-  // A host that starts again learns of the item again.
-  host.Restart();
-  EXPECT_TRUE(host.Serve([&] { return host.items.size() == 2; })) << "not registered again";
-
   EXPECT_EQ(host.Text("Id") + "|" + host.Text("Category") + "|" + host.Text("Title") + "|" +
                 host.Text("Status") + "|" + host.Text("Menu", "o"),
             "tavrel|ApplicationStatus|WOL|Active|/MenuBar");
@@ -181,23 +172,21 @@ TEST_F(TrayTest, TheHostSeesTheIconAndItsMenuAndTheMenuDrivesTheProgram) {
   EXPECT_STREQ(tipTitle, "WOL");
 
   // Every size drawn in full: a lit green centre on a transparent ground.
-  sd_bus_message* pixmaps = host.Property("IconPixmap", "a(iiay)");
-  std::vector<std::string> sizes;
-  sd_bus_message_enter_container(pixmaps, 'a', "(iiay)");
-  int w = 0, h = 0;
-  while (sd_bus_message_enter_container(pixmaps, 'r', "iiay") > 0) {
-    const void* data = nullptr;
-    size_t bytes = 0;
-    sd_bus_message_read(pixmaps, "ii", &w, &h);
-    sd_bus_message_read_array(pixmaps, 'y', &data, &bytes);
-    sd_bus_message_exit_container(pixmaps);
-    const auto* px = static_cast<const uint8_t*>(data);
-    const size_t centre = static_cast<size_t>((h / 2 * w + w / 2) * 4);
-    const bool drawn = bytes == size_t(w * h * 4) && px[0] == 0 && px[centre] == 255 &&
-                       px[centre + 2] > 2 * px[centre + 1] && px[centre + 2] > 2 * px[centre + 3];
-    sizes.push_back(std::to_string(w) + "x" + std::to_string(h) + (drawn ? "" : " wrong"));
+  sd_bus_message* icons = host.Property("IconPixmap", "a(iiay)");
+  std::string sizes;
+  sd_bus_message_enter_container(icons, 'a', "(iiay)");
+  for (int w = 0, h = 0; sd_bus_message_enter_container(icons, 'r', "iiay") > 0;
+       sd_bus_message_exit_container(icons)) {
+    const uint8_t* px = nullptr;
+    size_t n = 0;
+    sd_bus_message_read(icons, "ii", &w, &h);
+    sd_bus_message_read_array(icons, 'y', reinterpret_cast<const void**>(&px), &n);
+    const size_t c = static_cast<size_t>((h / 2 * w + w / 2) * 4);
+    const bool drawn = n == size_t(w * h * 4) && px[0] == 0 && px[c] == 255 && px[c + 2] > 2 * px[c + 1] &&
+                       px[c + 2] > 2 * px[c + 3];
+    sizes += std::to_string(w) + "x" + std::to_string(h) + (drawn ? " " : "(wrong) ");
   }
-  EXPECT_EQ(sizes, (std::vector<std::string>{"16x16", "22x22", "32x32", "48x48"}));
+  EXPECT_EQ(sizes, "16x16 22x22 32x32 48x48 ");
 
   std::vector<int> ids;
   ASSERT_EQ(MenuItems(host.Call("/MenuBar", "GetLayout", "iias", 0, -1, 0), ids),
