@@ -51,14 +51,6 @@ TEST(StartupLineTest, SaysWhereTheNodeListensWhereThePageIsAndHowToStop) {
   close(held);
 }
 
-// The program run as a tool with input as its standard input; its exit code.
-int RunTool(std::vector<const char*> argv, const std::string& input, const std::filesystem::path& scratch) {
-  WriteFile(scratch / "stdin.txt", input);
-  argv.insert(argv.begin(), TAVREL_BINARY);
-  pid_t pid = Spawn(argv, (scratch / "stdin.txt").string(), "/dev/null", "/dev/null");
-  return WaitExit(pid);
-}
-
 TEST(SetPasswordTest, StoresAHashOfTheLineReadRefusesNoPasswordAndClears) {
   TempDir scratch, home;  // home has no Config folder yet
   const std::string h = home.Path().string();
@@ -80,7 +72,11 @@ TEST(SetPasswordTest, StoresAHashOfTheLineReadRefusesNoPasswordAndClears) {
   };
   for (const Case& c : cases) {
     const std::string what = c.input + " after " + std::to_string(&c - cases);
-    EXPECT_EQ(RunTool(c.args, c.input, scratch.Path()), c.exitCode) << what;
+    WriteFile(scratch.Path() / "stdin.txt", c.input);
+    std::vector<const char*> argv = c.args;
+    argv.insert(argv.begin(), TAVREL_BINARY);
+    pid_t pid = Spawn(argv, (scratch.Path() / "stdin.txt").string(), "/dev/null", "/dev/null");
+    EXPECT_EQ(WaitExit(pid), c.exitCode) << what;
     EXPECT_EQ(IsPasswordHash(stored()), *c.password != '\0') << what << stored();
     EXPECT_TRUE(*c.password == '\0' || VerifyPassword(stored(), c.password)) << what;
   }
