@@ -1,6 +1,5 @@
 // The management page in headless Chromium against a tavrel with a temporary home on loopback, every kind
 // of button pressed as a person would.   TAVREL_BINARY=PATH/TO/tavrel node --test page.test.mjs
-// The wake packet is caught on 127.0.0.255:7 only as root; run.sh then runs all in a network namespace.
 import { after, before, test } from 'node:test';
 import assert from 'node:assert/strict';
 import { spawn } from 'node:child_process';
@@ -10,11 +9,9 @@ import http from 'node:http';
 import net from 'node:net';
 import os from 'node:os';
 import path from 'node:path';
-import { fileURLToPath } from 'node:url';
 import { chromium } from 'playwright-core';
 
 const tavrel = process.argv[2] || process.env.TAVREL_BINARY;
-const outDir = path.join(path.dirname(fileURLToPath(import.meta.url)), 'out');
 
 // 127.0.0.x is never swept; .9 before .10 tells a numeric IP sort from a textual one. echo has no MAC
 // (no WOL button); .44 is known to the ARP table only.
@@ -88,8 +85,6 @@ async function press(name) {
 before(async () => {
   home = fs.mkdtempSync(path.join(os.tmpdir(), 'tavrel-browser-'));
   fs.mkdirSync(path.join(home, 'Config'));
-  fs.rmSync(outDir, { recursive: true, force: true });
-  fs.mkdirSync(outDir);
   port = await freePort();
   const config = (name, lines) => fs.writeFileSync(path.join(home, 'Config', name), lines.join('\r\n') + '\r\n');
   hub = dgram.createSocket('udp4').on('message', (m) => xap.push(m.toString('latin1')));
@@ -121,7 +116,7 @@ after(async () => {
   if (home) fs.rmSync(home, { recursive: true, force: true });
 });
 
-test('the page shows every computer with its images and style sheet', async () => {
+test('the page shows every computer, its images and style sheet; the web root leads there', async () => {
   assert.equal((await page.goto(`http://127.0.0.1:${port}/wol`, { waitUntil: 'load' })).status(), 200);
   assert.match(await page.title(), /^Tavrel\s+V\d+\.\d+\.\d+$/);
   assert.equal(await page.inputValue("input[name='subnet']"), '127.0.0');
@@ -135,10 +130,7 @@ test('the page shows every computer with its images and style sheet', async () =
   assert.ok(images.length >= computers.length && images.every((width) => width === 13), `${images}`);
   const header = page.locator('td.TABLEHEADER').first();
   assert.equal(await header.evaluate((td) => getComputedStyle(td).backgroundColor), 'rgb(99, 99, 156)');
-  await page.screenshot({ path: path.join(outDir, 'page.png'), fullPage: true });
-});
-
-test('the web root leads to the page when no home-automation server is named', async () => {
+  // With no home-automation server named, the web root leads to the page.
   await page.goto(`http://127.0.0.1:${port}/`, { waitUntil: 'load' });
   assert.equal(page.url(), `http://127.0.0.1:${port}/wol`);
 });
@@ -179,15 +171,12 @@ test('the column buttons sort the rows and a second press turns the order round'
     ['Name', 'ASC', byName],
     ['IP', 'ASC', ['.3', '.9', '.10', '.21', '.30', '.44']],
     ['MAC', 'ASC', ['.30', '.9', '.21', '.44', '.10', '.3']],
-    ['Online', 'ASC', (order) => order[0] === '.44'], // the one row without a LED first, then ties
-    ['Online', 'DESC', (order) => order.at(-1) === '.44'],
+    ['MAC', 'DESC', ['.3', '.10', '.44', '.21', '.9', '.30']],
     ['Name', 'DESC', [...byName].reverse()], // another column keeps the direction
     ['Name', 'ASC', byName],
   ];
   for (const [button, direction, expected] of steps) {
-    const order = await press(button);
-    if (Array.isArray(expected)) assert.deepEqual(order, expected, `${button} ${direction}`);
-    else assert.ok(expected(order), `${button} ${direction}: ${order}`);
+    assert.deepEqual(await press(button), expected, `${button} ${direction}`);
     assert.deepEqual([readIni().WOL.SORT, readIni().WOL.SORTDIR ?? 'ASC'], [button, direction]);
   }
 });
@@ -206,21 +195,6 @@ test('Save Changes stores a new name and a ticked box removes a computer', async
   assert.equal(await page.locator("input[type='checkbox']:checked").count(), 0);
 });
 
-test('WOL sends the magic packet to the broadcast address of the computer', async (t) => {
-  const socket = process.getuid?.() === 0 ? dgram.createSocket('udp4') : null;
-  const packet = new Promise((resolve) => socket?.on('message', resolve));
-  if (socket) await new Promise((resolve) => socket.bind(7, '127.0.0.255', resolve));
-  try {
-    assert.deepEqual(await press(`WOL${await keyOf('.9')}`), ['.44', '.9', '.21', '.30', '.10']);
-    if (!socket) return t.diagnostic('not root: the wake packet on 127.0.0.255:7 is not caught');
-    const received = await Promise.race([packet, new Promise((r) => setTimeout(r, 5000))]);
-    const mac = Buffer.from(computers[1][2].replaceAll('-', ''), 'hex');
-    assert.deepEqual(received, Buffer.concat([Buffer.alloc(6, 0xff), ...Array(16).fill(mac)]));
-  } finally {
-    socket?.close();
-  }
-});
-
 test('Query LAN brings the page back, the sweep finds nothing and the file keeps every address', async () => {
   await press('QueryLAN');
   await until('Query LAN offered again', 15, async () => {
@@ -231,7 +205,6 @@ test('Query LAN brings the page back, the sweep finds nothing and the file keeps
   const named = ['.9', '.21', '.30', '.10'];
   assert.deepEqual(rows.map((r) => r.ip + r.mac + r.buttons), named.map((ip) => ip + ' Reboot Shutdown'));
   assert.deepEqual([readIni().ARP['127.0.0.21'], readIni().ARP['127.0.0.44']], [computers[2][2], arpOnly[2]]);
-  await page.screenshot({ path: path.join(outDir, 'page-after.png'), fullPage: true });
 });
 
 test('the browser met no broken request and the program ends cleanly', async () => {

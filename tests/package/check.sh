@@ -19,8 +19,7 @@ debs=("$scratch"/out/tavrel_*_*.deb)
 deb=${debs[0]}
 
 field() { dpkg-deb -f "$deb" "$1"; }
-[ "$(field Package)" = tavrel ] || fail "Package: $(field Package)"
-[ "$(field Section)" = net ] || fail "Section: $(field Section)"
+[ "$(field Package) $(field Section)" = "tavrel net" ] || fail "Package, Section: $(field Package) $(field Section)"
 [ -n "$(field Maintainer)" ] || fail "no Maintainer"
 [[ "$(field Depends)" == *libc6* ]] || fail "Depends not computed from the program: $(field Depends)"
 [[ "$(field Depends)" == *libnettle* ]] || fail "Depends lacks Nettle (the password hash): $(field Depends)"
