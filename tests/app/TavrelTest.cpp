@@ -31,12 +31,10 @@ TEST(LogTest, LinesGoToTheFileAndEventsToXapByteForByte) {
   const std::string nl(platform::kLineEnd);
   EXPECT_EQ(test::ReadFile(home.Path() / "Data" / "tavrel.txt"),
             "tavrel Main Load 0 " + nl + "IniTool x 12 bad" + nl);
-  log.ReportEvent("tavrel", "Using xAP port 3639");
   log.ReportEvent("IniTool", " Equal sign not found on line abc", Err{5, "Invalid call", 3});
   const std::string time = "Time\x01"s + "2026-11-22 09:30:05\0Type\x01"s;
   EXPECT_EQ(xap.Pending(),
             (std::vector<XapQueuedMessage>{
-                {"", "Homeseer.Event", "Event.Log", time + "tavrel\0Data\x01Using xAP port 3639"s},
                 {"", "Homeseer.Event", "Event.Log",
                  time + "IniTool\0Data\x01 Equal sign not found on line abc Line 3 Invalid call"s}}));
 }

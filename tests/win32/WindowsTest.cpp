@@ -5,7 +5,6 @@
 
 #include <shellapi.h>
 
-#include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <functional>
@@ -13,7 +12,6 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -185,38 +183,19 @@ TEST_F(TrayTest, PopupMenuShowsTheEntriesInOrderAndReportsTheChoice) {
   EXPECT_THAT(owner.clicks, ElementsAre(6));
 }
 
-// Windows tells a program without a console that the session ends with two messages to its top-level
-// windows: it may end (yes), then it ends, and the process may be killed once that is answered. So the
-// answer waits until the loop has done the Exit work and the watch is gone, as at the end of main.
-TEST(SessionEnd, EndIsAnsweredOnlyAfterTheLoopHasDoneExit) {
+// The session's end (the Exit work done before the answer, so the "stopped" heartbeat goes out) is the
+// smoke test's; closing the hidden window (taskkill without /f) asks for the same end, without waiting.
+TEST(SessionEnd, ClosingTheWindowAsksForTheEnd) {
   if (!HasDisplay()) GTEST_SKIP() << "no X display";
   asio::io_context io;
   auto work = asio::make_work_guard(io);
-  std::atomic<int> ends = 0;
-  std::shared_ptr<void> watch = WatchSessionEnd(io, [&] {
-    ++ends;
-    io.stop();
-  });
+  int ends = 0;
+  std::shared_ptr<void> watch = WatchSessionEnd(io, [&] { ++ends; });
   HWND window = OwnWindow("TavrelSessionWindow", false);
   ASSERT_NE(window, nullptr);
   EXPECT_FALSE(IsWindowVisible(window));
-  EXPECT_EQ(SendMessageA(window, WM_QUERYENDSESSION, 0, ENDSESSION_LOGOFF), TRUE);
-  std::thread loop([&] {
-    io.run();
-    watch.reset();
-  });
-  SendMessageA(window, WM_ENDSESSION, TRUE, ENDSESSION_LOGOFF);
-  EXPECT_EQ(ends, 1) << "the end was answered before the program had ended";
-  loop.join();
-  EXPECT_FALSE(IsWindow(window));
-
-  // Closing the window (taskkill without /f) asks for the same end, without waiting for it.
-  io.restart();
-  watch = WatchSessionEnd(io, [&] { ++ends; });
-  window = OwnWindow("TavrelSessionWindow", false);
   SendMessageA(window, WM_CLOSE, 0, 0);
-  EXPECT_TRUE(RunUntil(io, [&] { return ends == 2; }));
-  watch.reset();
+  EXPECT_TRUE(RunUntil(io, [&] { return ends == 1; }));
 }
 
 TEST(TrayWithoutDisplay, OpenFailsWithAReason) {
@@ -277,7 +256,6 @@ TEST(ScriptControl, RunsVBScriptWithTheProgramsObjects) {
       "Function\r\n"
       "Sub Keep(o)\r\n  Set kept = o\r\nEnd Sub\r\n"
       "Function AskKept()\r\n  AskKept = kept.Echo(\"x\", 3, True)\r\nEnd Function\r\n"
-      "Function Count(list)\r\n  Count = UBound(list) + 1 & \":\" & list(1)\r\nEnd Function\r\n"
       "Function IsOn(flag)\r\n  IsOn = Not flag\r\nEnd Function\r\n"
       "Function Half(n)\r\n  Half = n / 2\r\nEnd Function\r\n"
       "Function Nothing2()\r\nEnd Function\r\n"
@@ -299,7 +277,6 @@ TEST(ScriptControl, RunsVBScriptWithTheProgramsObjects) {
   control->Run("Keep", {std::shared_ptr<ScriptObject>(other)});
   EXPECT_EQ(std::get<std::string>(control->Run("AskKept", {})), "x|3|True");
   EXPECT_EQ(other->calls, std::vector<std::string>{"Echo(x|3|True)"});
-  EXPECT_EQ(std::get<std::string>(control->Run("Count", {std::vector<std::string>{"a", "b", "c"}})), "3:b");
   EXPECT_EQ(std::get<bool>(control->Run("IsOn", {false})), true);
   EXPECT_EQ(std::get<double>(control->Run("Half", {3.0})), 1.5);
   EXPECT_TRUE(std::holds_alternative<std::monostate>(control->Run("Nothing2", {})));
@@ -349,19 +326,14 @@ TEST(ScriptControl, FailuresCarryTheScriptsNumberTextAndLine) {
   for (const auto& [act, error] : cases) EXPECT_THAT(ErrorOf(act), ::testing::MatchesRegex(error));
 }
 
-// A script that runs past the time-out ends with an error, and the control goes on serving.
-TEST(ScriptControl, StopsAScriptThatRunsTooLong) {
+// A routine that runs too long is the smoke test's (a looping page, reported, the next visitor served);
+// code that loops while it is added ends with the same error, and the control goes on serving.
+TEST(ScriptControl, StopsCodeThatRunsTooLongWhileAdded) {
   std::unique_ptr<ScriptControl> control = CreateScriptControl("VBScript", 100);
   control->AddObject("rec", std::make_shared<Recorder>(), false);
-  control->AddCode(
-      "Sub Spin()\r\n  Do\r\n    rec.Echo 1\r\n  Loop\r\nEnd Sub\r\n"
-      "Function Fine()\r\n  Fine = \"fine\"\r\nEnd Function\r\n");
-  const auto start = steady_clock::now();
-  const auto timedOut = ::testing::MatchesRegex("18 .+: Script timed out after 100 ms");
-  EXPECT_THAT(ErrorOf([&] { control->Run("Spin", {}); }), timedOut);
-  EXPECT_LT(steady_clock::now() - start, 5s);
-  EXPECT_EQ(std::get<std::string>(control->Run("Fine", {})), "fine");
-  EXPECT_THAT(ErrorOf([&] { control->AddCode("Do\r\n  rec.Echo 2\r\nLoop\r\n"); }), timedOut);
+  control->AddCode("Function Fine()\r\n  Fine = \"fine\"\r\nEnd Function\r\n");
+  EXPECT_THAT(ErrorOf([&] { control->AddCode("Do\r\n  rec.Echo 2\r\nLoop\r\n"); }),
+              ::testing::MatchesRegex("18 .+: Script timed out after 100 ms"));
   EXPECT_EQ(std::get<std::string>(control->Run("Fine", {})), "fine");
 }
 
