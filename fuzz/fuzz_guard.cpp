@@ -4,23 +4,11 @@
 #include <string>
 #include <string_view>
 
+#include "../tests/http/TestSink.h"
 #include "FuzzSupport.h"
 #include "http/Guard.h"
 
-namespace {
-
 using tavrel::fuzz::Check;
-
-struct Sink final : tavrel::ConnectionSink {
-  int Index() const override { return 1; }
-  int State() const override { return kConnected; }
-  void SetTag(std::string_view) override {}
-  void SendData(std::string bytes) override { sent += bytes; }
-  void StartBody(std::unique_ptr<tavrel::BinaryBody>) override {}
-  std::string sent;
-};
-
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size > tavrel::Request::kMaxPacket) return 0;
@@ -53,7 +41,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   request.ParsePage(std::string(post ? "POST" : "GET") + " /wol HTTP/1.1\r\n" + std::string(lines) +
                     "\r\n\r\n");
   const auto verdict = guard.Check(request);
-  Sink sink;
+  tavrel::test::TestSink sink;
   tavrel::Response response(sink, {"", clock, quiet, nullptr});
   const bool admitted = guard.Admit(request, response);
   // The same request is decided the same way twice (one more wrong password cannot lock it out yet).
