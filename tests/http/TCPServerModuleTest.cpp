@@ -172,6 +172,26 @@ TEST_F(ServerModuleTest, RequestTimeLimitAndSendTimeOutCountedFromLastProgress) 
   EXPECT_EQ(timers.ArmedCount(), 0u);
 }
 
+// Sockets past 19 have their send time-out too: a client that takes nothing is let go.
+TEST_F(ServerModuleTest, ClientThatTakesNothingIsClosedAfterTheTimeOuts) {
+  test::WriteFile(html / "a.gif", std::string(2500, 'g'));
+  auto server = Make();
+  for (int i = 0; i < 21; ++i) server->Connect();
+  Arrive(*server, {"21|GET /a.gif HTTP/1.1\r\n\r\n", "20|GET /wol HTTP/1.1\r\n\r\n"});
+  FakeSlot& image = server->At(21);
+  FakeSlot& page = server->At(20);
+  timers.Advance(ConnectionSlot::kSendTimeout);
+  EXPECT_EQ(page.State(), 0);
+  // Each piece after the first waits one time-out, and the last one more before the client is given up.
+  timers.Advance(ConnectionSlot::kSendTimeout);
+  EXPECT_EQ(image.State(), ConnectionSink::kConnected);
+  timers.Advance(ConnectionSlot::kSendTimeout);
+  EXPECT_EQ(image.State(), 0);
+  EXPECT_EQ(image.written.size(), 1u);
+  EXPECT_EQ(server->SocketsOpen(), 0);  // the 19 silent ones went at 10 s
+  EXPECT_EQ(timers.ArmedCount(), 0u);
+}
+
 // Only the port setting here: what the listener serves is tested end to end over real sockets.
 TEST(ListenerTest, PortSettingDecidesWhetherAndWhereItListens) {
   asio::io_context io;
