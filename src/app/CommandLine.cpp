@@ -88,8 +88,9 @@ std::string UsageText() {
          "               $TAVREL_HOME, else the program's folder if writable, else the per-user data "
          "folder)\n"
          "  --debug      write the web server's debug log to Data/tavrel/server.log in the home folder\n"
-         "  --no-tray    no notification-area icon: run headless, as a service (without a desktop, a\n"
-         "               session bus or a tray host that is the way it runs anyway)\n"
+         "  --no-tray    no notification-area icon: run headless, as a service (without a desktop or\n"
+         "               a session bus that is the way it runs anyway; a tray that comes later gets the "
+         "icon)\n"
          "  set-password asks for a password twice (unseen; not on a terminal: reads one line) and\n"
          "               keeps its salted hash as HTTPPasswordHash in Config/tavrel.ini; the page then\n"
          "               asks for it (HTTP Basic, any user name). --clear removes it.\n"
@@ -98,8 +99,9 @@ std::string UsageText() {
          "page's address and its home folder.\n"
          "While running: the page is at http://localhost:8019/wol (\"HTTPPort\" of section WOL in\n"
          "Config/tavrel.ini), for this machine, the private address ranges and this machine's own\n"
-         "networks (\"HTTPAllow\" and \"HTTPHosts\" change that). SIGINT or SIGTERM exits (the tray\n"
-         "menu's \"Exit\"); on Linux SIGUSR1 starts a LAN scan (the tray menu's \"Query LAN\").\n";
+         "networks (\"HTTPAllow\" and \"HTTPHosts\" change that). SIGINT or SIGTERM exits (the\n"
+         "tray menu's \"Exit\"), on Windows also Ctrl+C, logoff and shutdown; on Linux SIGUSR1 starts a\n"
+         "LAN scan (the tray menu's \"Query LAN\").\n";
 }
 
 std::filesystem::path ResolveHome(const CommandLine& cmd) {
