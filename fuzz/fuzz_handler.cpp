@@ -44,7 +44,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   ComputerRegistry computers(hs, clock);
   ComputerRegistry::Edits edits;
   computers.Rename("", "pc7", "198.51.100.7", edits);
-  computers.ReplaceArp({{{"198.51.100.7", "00-11-22-33-44-55"}}}, "");
+  computers.MergeArp({{"198.51.100.7", "00-11-22-33-44-55"}});
   XapHandler handler(XapHandler::Context{computers, hs, xap, send, reporter, clock,
                                          [](const std::string&, const std::string&) {}, "zel.WOL.host1",
                                          "/opt/tavrel/tavrel"});

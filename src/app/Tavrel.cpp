@@ -49,7 +49,9 @@ bool Tavrel::form_load() {
     computers_.Clear();
     CreateHomeFolders(home_, log_);
     startup_ = InitXap(hs_, log_);
-    httpPortSetting_ = ReadWolSettings(hs_).httpPort;
+    const WolSettings wol = ReadWolSettings(hs_);
+    httpPortSetting_ = wol.httpPort;
+    computers_.SetPresenceRule({wol.scanInterval > 0, std::chrono::seconds(wol.awayAfter)});
     if (!StartXap()) return false;
     LoadIni();
     ShowTrayIcon();
@@ -57,6 +59,12 @@ bool Tavrel::form_load() {
     lanScan_ = std::make_unique<LanScan>(
         io_, timers_, computers_, hs_, xapGlobal_, log_, [this] { return transport_->LocalIP(); }, home_);
     StartServer();
+    if (wol.scanInterval > 0) {
+      log_.WriteLog(kModule, "Presence: sweeping the LAN every " + std::to_string(wol.scanInterval) +
+                                 " s; a computer is away " + std::to_string(wol.awayAfter) +
+                                 " s after its last answer");
+      lanScan_->StartPresence(std::chrono::seconds(wol.scanInterval));
+    }
     return true;
   } catch (const std::exception& e) {
     log_.WriteLog(kModule, "Main Load", Err::From(e));

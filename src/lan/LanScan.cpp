@@ -80,6 +80,7 @@ LanScan::LanScan(asio::io_context& io, TimerFactory& timers, ComputerRegistry& c
       home_(std::move(home)),
       shell_(std::move(shell)),
       timer_(timers.Create()),
+      presenceTimer_(timers.Create()),
       sweep_(io, reporter, timers) {}
 
 LanScan::~LanScan() = default;
@@ -212,6 +213,35 @@ void LanScan::StartNativeSweep(const std::vector<ListedSubnet>& subnets) {
   });
 }
 
+void LanScan::StartPresence(std::chrono::seconds interval) {
+  presenceTimer_->StartRepeating(interval, [this] { PresenceSweep(); });
+  PresenceSweep();
+}
+
+void LanScan::PresenceSweep() {
+  if (ProcessExists()) return;
+  std::vector<std::string> probe;
+  try {
+    if (auto list = Subnets(false)) {
+      for (ListedSubnet& listed : list->Valid) probe.push_back(std::move(listed.Subnet));
+    }
+  } catch (const std::exception& e) {
+    reporter_.WriteLog(kModule, "PresenceSweep", Err::From(e));
+  }
+  if (probe.empty()) return;
+  sweep_.Start(std::move(probe), [this](const std::vector<std::vector<ArpEntry>>& results) {
+    std::vector<KeyValuePair> answered;
+    for (const auto& subnet : results) {
+      for (const ArpEntry& entry : subnet) answered.push_back(KeyValuePair{entry.Ip, UCase(entry.Mac)});
+    }
+    try {
+      computers_.MergeArp(answered);
+    } catch (const std::exception& e) {
+      reporter_.WriteLog(kModule, "PresenceSweep", Err::From(e));
+    }
+  });
+}
+
 // The native sweep's results become the logs the batch sweep would have left, and are read at once.
 void LanScan::OnSweepDone(const std::vector<size_t>& numbers,
                           const std::vector<std::vector<ArpEntry>>& results) {
@@ -247,20 +277,18 @@ bool LanScan::ProcessExists() const { return watched_.Running() || sweep_.Runnin
 
 void LanScan::ReadLogs(const fs::path& folder) {
   std::vector<ListedSubnet> subnets;
-  std::string ownIp;
   try {
     if (auto list = Subnets(true)) subnets = std::move(list->Valid);
-    ownIp = localIP_();
   } catch (const std::exception& e) {
     reporter_.WriteLog(kModule, kTimerLabel, Err::From(e));
   }
-  std::vector<std::vector<KeyValuePair>> sweep;
+  std::vector<KeyValuePair> sweep;
   for (const ListedSubnet& listed : subnets) {
     DisableTimer();
-    ReadLog(folder / ScanFile("p", listed.Number, ".log"), sweep.emplace_back());
+    ReadLog(folder / ScanFile("p", listed.Number, ".log"), sweep);
   }
   try {
-    computers_.ReplaceArp(sweep, ownIp);
+    computers_.MergeArp(sweep);
   } catch (const std::exception& e) {
     reporter_.WriteLog(kModule, kTimerLabel, Err::From(e));
   }
@@ -303,6 +331,7 @@ void LanScan::WatchProcess(platform::Process process) { watched_ = std::move(pro
 
 void LanScan::Stop() {
   DisableTimer();
+  presenceTimer_->Stop();
   sweep_.Cancel();
   watched_ = platform::Process();
 }

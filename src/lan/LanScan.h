@@ -63,6 +63,10 @@ class LanScan {
   // file is touched.
   void Stop();
 
+  // Presence: a native sweep of every subnet now and then every interval (no xAP query, no log files),
+  // skipped while a sweep still runs; its answers go straight to the registry.
+  void StartPresence(std::chrono::seconds interval);
+
   // Makes process the watched sweep process, as the batch sweep does with the interpreter it starts.
   void WatchProcess(platform::Process process);
 
@@ -78,6 +82,7 @@ class LanScan {
 
   void StartBatchSweep(const ListedSubnet& listed);
   void StartNativeSweep(const std::vector<ListedSubnet>& subnets);
+  void PresenceSweep();
   void OnSweepDone(const std::vector<size_t>& numbers, const std::vector<std::vector<ArpEntry>>& results);
   void ReadLogs(const std::filesystem::path& folder);
   // Both add the IP and MAC pairs they read to arp.
@@ -96,6 +101,7 @@ class LanScan {
   CommandShell shell_;
 
   std::unique_ptr<Timer> timer_;
+  std::unique_ptr<Timer> presenceTimer_;
   NativeSweep sweep_;
   platform::Process watched_;
 };

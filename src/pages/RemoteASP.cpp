@@ -228,22 +228,18 @@ void RemoteASP::UpdateDisplay(FastString& page) {
     const std::string column = ReadWolSettings(ctx_.hs).sort;
     const bool ipSort = column == "IP";
     const DateTime now = ctx_.clock.Now();
+    // Rows known only by address have a light once sweeps tell whether they answer.
+    const bool sweeping = ctx_.computers.Presence().sweeping;
     rows_.emplace();
     for (ComputerRegistry::Row& computer : ctx_.computers.Rows()) {
-      if (!computer.computer) {
-        AddRow("", std::move(computer.ip), std::move(computer.mac), ipSort);
-        continue;
-      }
-      std::string colour = "yellow";
-      DateTime seen = now;
-      if (computer.lastSeen) {
-        if (!ParseDateTime(*computer.lastSeen, seen)) throw RunTimeError(Err::kTypeMismatch, "Type mismatch");
-        colour = DateDiffMinutes(seen, now) > 15 ? "Red" : "Green";
-      }
-      const long long age = std::clamp<long long>((now - seen).count(), std::numeric_limits<int32_t>::min(),
-                                                  std::numeric_limits<int32_t>::max());
-      AddRow(std::move(computer.name), std::move(computer.ip), std::move(computer.mac), ipSort).Online =
-          "<img src='\\led-" + colour + ".gif'>&nbsp;" + FormatAge(static_cast<int32_t>(age));
+      Row& row = AddRow(std::move(computer.name), std::move(computer.ip), std::move(computer.mac), ipSort);
+      if (!computer.computer && !sweeping) continue;
+      const std::string_view colour = !computer.lastSeen ? "yellow" : computer.Seen() ? "Green" : "Red";
+      const long long age =
+          std::clamp<long long>((now - computer.lastSeen.value_or(now)).count(),
+                                std::numeric_limits<int32_t>::min(), std::numeric_limits<int32_t>::max());
+      row.Online =
+          "<img src='\\led-" + std::string(colour) + ".gif'>&nbsp;" + FormatAge(static_cast<int32_t>(age));
     }
     SortRows();
 

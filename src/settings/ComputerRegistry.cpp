@@ -28,12 +28,13 @@ void ComputerRegistry::Clear() {
   computers_.RemoveAll();
   lastSeen_.RemoveAll();
   arp_.RemoveAll();
+  answered_.RemoveAll();
 }
 
 void ComputerRegistry::Load(const std::string& ownName, const std::string& ownIp, Reporter& reporter) {
-  const std::string now = FormatDateTime(clock_.Now());
+  const DateTime now = clock_.Now();
   computers_[ownName] = KeyValuePair{ownName, ownIp};
-  lastSeen_[ownName] = KeyValuePair{ownName, now};
+  lastSeen_[ownName] = now;
   // Lines name=IP and IP=MAC. Entries already present (this machine's) win over the file; lines with an
   // empty key or a blank value are skipped.
   for (const bool computers : {true, false}) {
@@ -53,7 +54,7 @@ void ComputerRegistry::Load(const std::string& ownName, const std::string& ownIp
         if (key.empty() || Trim(parts[1]).empty()) continue;
         if (computers) {
           computers_.Add(key, KeyValuePair{key, parts[1]});
-          lastSeen_.Add(key, KeyValuePair{key, now});
+          if (!rule_.sweeping) lastSeen_.Add(key, now);
         } else {
           arp_.Add(key, KeyValuePair{key, parts[1]});
         }
@@ -62,12 +63,14 @@ void ComputerRegistry::Load(const std::string& ownName, const std::string& ownIp
       }
     }
   }
+  Changed();
 }
 
 void ComputerRegistry::SetOwnAddress(const std::string& ip, const std::string& mac) {
   arp_.Remove(ip);
   arp_.Add(ip, KeyValuePair{ip, mac});
   hs_.SaveIniSetting(kArpSection, ip, mac, kIniFile);
+  Changed();
 }
 
 ComputerRegistry::Learned ComputerRegistry::Learn(const std::string& name) {
@@ -79,12 +82,8 @@ ComputerRegistry::Learned ComputerRegistry::Learn(const std::string& name) {
     hs_.SaveIniSetting(kComputerSection, name, "", kIniFile);
     result = Learned::Learned;
   }
-  std::string now = FormatDateTime(clock_.Now());
-  if (KeyValuePair* seen = lastSeen_.Find(name)) {
-    seen->Value = std::move(now);
-  } else {
-    lastSeen_.Add(name, KeyValuePair{name, std::move(now)});
-  }
+  lastSeen_[name] = clock_.Now();
+  Changed();
   return result;
 }
 
@@ -100,6 +99,7 @@ ComputerRegistry::Renamed ComputerRegistry::Rename(const std::string& oldName, c
     }
     edits.renamed.push_back(KeyValuePair{newName, ip});
   }
+  Changed();
   return Renamed::Renamed;
 }
 
@@ -108,6 +108,7 @@ void ComputerRegistry::Remove(const std::string& name, const std::string& ip, Ed
   if (name.empty()) return;
   if (computers_.Remove(name)) edits.computersChanged = true;
   lastSeen_.Remove(name);
+  Changed();
 }
 
 void ComputerRegistry::WriteEdits(IniTool& ini, const Edits& edits) const {
@@ -125,20 +126,24 @@ void ComputerRegistry::WriteEdits(IniTool& ini, const Edits& edits) const {
   if (edits.computersChanged) rewrite(computers_, kComputerSection);
 }
 
-void ComputerRegistry::ReplaceArp(const std::vector<std::vector<KeyValuePair>>& sweep,
-                                  const std::string& ownIp) {
-  std::optional<KeyValuePair> own;
+void ComputerRegistry::MergeArp(const std::vector<KeyValuePair>& sweep) {
+  const DateTime now = clock_.Now();
   std::vector<KeyValuePair> saved;
-  for (const auto& subnet : sweep) {
-    if (const KeyValuePair* entry = arp_.Find(ownIp)) own = *entry;
-    arp_.RemoveAll();
-    for (const KeyValuePair& pair : subnet) {
-      if (arp_.Add(pair.Key, pair)) saved.push_back(pair);
+  std::unordered_set<std::string_view> read;
+  for (const KeyValuePair& pair : sweep) {
+    if (!read.insert(pair.Key).second) continue;
+    answered_[pair.Key] = now;
+    if (KeyValuePair* entry = arp_.Find(pair.Key)) {
+      if (entry->Value == pair.Value) continue;
+      entry->Value = pair.Value;
+    } else {
+      arp_.Add(pair.Key, pair);
     }
+    saved.push_back(pair);
   }
-  if (own && !arp_.Exists(ownIp)) arp_.Add(ownIp, *own);
   // One save for the whole sweep, giving the file that a save per address would.
-  hs_.SaveIniSettings(kArpSection, saved, kIniFile);
+  if (!saved.empty()) hs_.SaveIniSettings(kArpSection, saved, kIniFile);
+  Changed();
 }
 
 std::vector<ComputerRegistry::Row> ComputerRegistry::Rows() const {
@@ -146,6 +151,19 @@ std::vector<ComputerRegistry::Row> ComputerRegistry::Rows() const {
   rows.reserve(computers_.Count() + arp_.Count());
   std::string shown;
   std::unordered_set<std::string_view> shownAddresses;
+  const DateTime now = clock_.Now();
+  // The newer of the two times, and whether each still counts.
+  auto presence = [&](Row& row, const DateTime* heard) {
+    if (heard) {
+      row.lastSeen = *heard;
+      row.byXap = DateDiffMinutes(*heard, now) <= kHeardFor.count();
+    }
+    const DateTime* answered = rule_.sweeping && !row.ip.empty() ? answered_.Find(row.ip) : nullptr;
+    if (answered) {
+      if (!row.lastSeen || *row.lastSeen < *answered) row.lastSeen = *answered;
+      row.bySweep = now - *answered <= rule_.awayAfter;
+    }
+  };
   for (const auto& [key, computer] : computers_) {
     Row row{computer.Key, computer.Value, {}, {}, true};
     if (const KeyValuePair* arp = computer.Value.empty() ? nullptr : arp_.Find(computer.Value)) {
@@ -153,14 +171,17 @@ std::vector<ComputerRegistry::Row> ComputerRegistry::Rows() const {
       shown += computer.Value + ";";
       shownAddresses.insert(computer.Value);
     }
-    if (const KeyValuePair* last = lastSeen_.Find(computer.Key)) row.lastSeen = last->Value;
+    presence(row, lastSeen_.Find(computer.Key));
     rows.push_back(std::move(row));
   }
   for (const auto& [ip, arp] : arp_) {
     // A plain substring test: an address that begins a shown one counts as shown. An address shown
     // whole needs no search through the list, which keeps a large table from costing its square.
-    if (!shownAddresses.contains(ip) && shown.find(ip) == std::string::npos)
-      rows.push_back(Row{"", ip, arp.Value, {}, false});
+    if (!shownAddresses.contains(ip) && shown.find(ip) == std::string::npos) {
+      Row row{"", ip, arp.Value, {}, false};
+      presence(row, nullptr);
+      rows.push_back(std::move(row));
+    }
   }
   return rows;
 }

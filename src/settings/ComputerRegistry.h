@@ -1,6 +1,8 @@
 #pragma once
 
+#include <chrono>
 #include <cstddef>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -36,12 +38,26 @@ class ComputerRegistry {
   enum class Learned { Learned, Refreshed, Unstorable, Full };
   enum class Renamed { Renamed, Unstorable, NotFound };
 
-  // One row of the page: every computer (mac empty without an ARP entry, no lastSeen when never heard
-  // of), then every ARP entry not shown with a computer (computer false, name empty).
+  // How presence is decided. Heard on xAP counts for 15 minutes; with sweeping (a "ScanInterval" set), an
+  // answer to a sweep counts for awayAfter, and the computers read from the file are not taken as seen at
+  // start: only what is heard or answers is.
+  struct PresenceRule {
+    bool sweeping = false;
+    std::chrono::seconds awayAfter{180};
+  };
+  static constexpr std::chrono::minutes kHeardFor{15};
+
+  // One row of the page: every computer (mac empty without an ARP entry), then every ARP entry not shown
+  // with a computer (computer false, name empty). lastSeen is the newer of when the computer was last
+  // heard of and when its address last answered a sweep (the latter only while sweeping); none when
+  // neither happened. byXap and bySweep say which of them makes it seen now.
   struct Row {
     std::string name, ip, mac;
-    std::optional<std::string> lastSeen;
+    std::optional<DateTime> lastSeen;
     bool computer = true;
+    bool byXap = false, bySweep = false;
+
+    bool Seen() const { return byXap || bySweep; }
   };
 
   // What the page's changes leave for the settings file, written at the end of the post in one go.
@@ -50,6 +66,11 @@ class ComputerRegistry {
     bool arpChanged = false;            // sections emptied of removed entries, rewritten whole
     bool computersChanged = false;
   };
+
+  void SetPresenceRule(PresenceRule rule) { rule_ = rule; }
+  const PresenceRule& Presence() const { return rule_; }
+  // Called after every change of the table or of what was heard or answered, on the loop. One watcher.
+  void OnChange(std::function<void()> changed) { changed_ = std::move(changed); }
 
   void Clear();
   // This machine (heard of now), then the lines of sections "Computer" and "ARP". A failure is logged
@@ -71,27 +92,37 @@ class ComputerRegistry {
   // After a failed post the sections are not rewritten; the new lines still are.
   static void KeepNewLinesOnly(Edits& edits) { edits.arpChanged = edits.computersChanged = false; }
 
-  // The ARP entries read by one sweep, one list of IP and MAC pairs per subnet swept: each subnet starts
-  // from an empty table (only this machine's entry, ownIp, survives), the first pair of an address wins,
-  // and every pair read goes to section "ARP" in one save.
-  void ReplaceArp(const std::vector<std::vector<KeyValuePair>>& sweep, const std::string& ownIp);
+  // The ARP entries read by one sweep (IP and MAC pairs of every subnet swept), merged into the table: a
+  // new address is added, a new MAC replaces the old one, and an address that did not answer keeps its
+  // entry (the computers that are off are the ones to wake). The first pair of an address wins; every
+  // address read counts as having answered now. What changed goes to section "ARP" in one save.
+  void MergeArp(const std::vector<KeyValuePair>& sweep);
 
   // name -> (name, IP address); nullptr when unknown.
   const KeyValuePair* FindByName(std::string_view name) const { return computers_.Find(name); }
   // IP address -> (IP address, MAC address); nullptr when unknown.
   const KeyValuePair* FindByIP(std::string_view ip) const { return arp_.Find(ip); }
   size_t Count() const { return computers_.Count(); }
+  // Every row, with presence as of now.
   std::vector<Row> Rows() const;
 
  private:
+  void Changed() const {
+    if (changed_) changed_();
+  }
+
   Hs& hs_;
   const Clock& clock_;
   // keys compared without regard to case
   OrderedDict<KeyValuePair> computers_{true};
-  // name -> (name, FormatDateTime text)
-  OrderedDict<KeyValuePair> lastSeen_{true};
+  // name -> when last heard of
+  OrderedDict<DateTime> lastSeen_{true};
   // binary compare
   OrderedDict<KeyValuePair> arp_{false};
+  // IP address -> when it last answered a sweep (memory only)
+  OrderedDict<DateTime> answered_{false};
+  PresenceRule rule_;
+  std::function<void()> changed_;
 };
 
 }  // namespace tavrel

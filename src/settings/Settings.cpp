@@ -24,6 +24,13 @@ std::optional<long> Milliseconds(const std::string& text) {
   return static_cast<long>(value);
 }
 
+// Whole seconds from lowest up; anything else reads as fallback.
+int Seconds(const std::string& text, long long lowest, int fallback) {
+  long long value = 0;
+  if (!ParseInt(Trim(text), lowest, 86400LL * 365, value)) return fallback;
+  return static_cast<int>(value);
+}
+
 constexpr Key<WolSettings> kWolKeys[] = {
     {"HTTPPort", "8019", [](WolSettings& s, std::string t) { s.httpPort = std::move(t); }},
     {"HTTPAllow", "", [](WolSettings& s, std::string t) { s.httpAllow = std::move(t); }},
@@ -35,6 +42,13 @@ constexpr Key<WolSettings> kWolKeys[] = {
     {"ScriptTimeout", "60000", [](WolSettings& s, std::string t) { s.scriptTimeoutMs = Milliseconds(t); }},
     {"Subnet", "", [](WolSettings& s, std::string t) { s.subnet = std::move(t); }},
     {"ScanMethod", "", [](WolSettings& s, std::string t) { s.scanMethod = LCase(Trim(t)); }},
+    // A presence sweep more often than every 10 s would only load the network.
+    {"ScanInterval", "0",
+     [](WolSettings& s, std::string t) {
+       s.scanInterval = Seconds(t, 0, 0);
+       if (s.scanInterval > 0 && s.scanInterval < 10) s.scanInterval = 10;
+     }},
+    {"AwayAfter", "180", [](WolSettings& s, std::string t) { s.awayAfter = Seconds(t, 1, 180); }},
     {"Sort", "Name", [](WolSettings& s, std::string t) { s.sort = std::move(t); }},
     {"SortDir", "ASC", [](WolSettings& s, std::string t) { s.sortDir = std::move(t); }},
 };

@@ -25,8 +25,10 @@ struct WolSettings {
   std::optional<long> scriptTimeoutMs;  // "ScriptTimeout"; nothing when it is no number from -1 up
   std::string subnet;                   // "Subnet", the list as written ("" = this machine's /24)
   std::string scanMethod;               // "ScanMethod" trimmed, in lower case ("" = the platform's choice)
-  std::string sort;                     // "Sort", the page's sort column
-  std::string sortDir;                  // "SortDir"
+  int scanInterval = 0;  // "ScanInterval": seconds between presence sweeps (0 = none, else >= 10)
+  int awayAfter = 180;   // "AwayAfter": seconds a computer stays seen after its last answer
+  std::string sort;      // "Sort", the page's sort column
+  std::string sortDir;   // "SortDir"
 };
 
 // Section "Interface" of zelXap.ini: where the xAP node listens and sends.

@@ -100,10 +100,9 @@ TEST_F(PageTest, WholePagesAreByteExact) {
   AddComputer("Jo's <PC>", "198.51.100.11", "2026-11-22 10:14:59");
   AddComputer("nas", "198.51.100.12");
   AddComputer("old", "198.51.100.13", "2026-11-20 09:29:59");
-  computers.ReplaceArp({{{"198.51.100.10", "00-11-22-33-44-55"},
-                         {"198.51.100.1", "00-11-22-33-44-01"},
-                         {"203.0.113.7", "AA-BB-CC-DD-EE-FF"}}},
-                       "");
+  computers.MergeArp({{"198.51.100.10", "00-11-22-33-44-55"},
+                      {"198.51.100.1", "00-11-22-33-44-01"},
+                      {"203.0.113.7", "AA-BB-CC-DD-EE-FF"}});
   EXPECT_EQ(Get(), Golden("table.html"));
 
   hs.SaveIniSetting("WOL", "Sort", "IP", kIniFile);
@@ -183,7 +182,7 @@ TEST_F(PageTest, SubnetsAreStoredByEveryPostAndSortClicksDoNothingElse) {
 TEST_F(PageTest, RowActionsActRowByRowInTheShownOrderAndSaveWakesNothing) {
   AddComputer("pc1", "198.51.100.10", "2026-11-22 10:29:00");
   AddComputer("nas", "198.51.100.12");
-  computers.ReplaceArp({{{"198.51.100.10", "00-11-22-33-44-55"}, {"203.0.113.7", "AA-BB-CC-DD-EE-FF"}}}, "");
+  computers.MergeArp({{"198.51.100.10", "00-11-22-33-44-55"}, {"203.0.113.7", "AA-BB-CC-DD-EE-FF"}});
   Get();  // keys: pc1 0, nas 1, the ARP-only row 2; shown by name: 2, 1, 0
   Post("subnet=&WOL0=WOL&Reboot1=Reboot&Shutdown0=Shutdown&WOL2=WOL&R0=1");
   Post("subnet=&Save=Save&WOL0=WOL&Name0=pc1&Name1=nas&Name2=");

@@ -214,21 +214,32 @@ TEST_F(ComputerRegistryTest, DecidesNamesLimitAndLastSeenAndKeepsTheFileInStep) 
                    "PC]=", "PRINTER=203.0.113.9", "\xef\xbb\xbfPC\xe9="}));
   EXPECT_EQ(section("ARP"), Names{"198.51.100.20=02-00-00-00-00-14"});
 
+  // A sweep merges: the first MAC of an address wins, a new MAC replaces the old one, an address that
+  // did not answer keeps its entry; only what changed is written, once.
   before = ReadFile(hs_.FilePath(kIniFile));
-  computers.ReplaceArp({{{"198.51.100.5", "02-AA"}, {"198.51.100.6", "02-BB"}, {"198.51.100.5", "02-CC"}},
-                        {{"203.0.113.9", "02-DD"}}},
-                       "198.51.100.20");
+  computers.MergeArp({{"198.51.100.5", "02-AA"},
+                      {"198.51.100.6", "02-BB"},
+                      {"198.51.100.5", "02-CC"},
+                      {"203.0.113.9", "02-DD"}});
+  EXPECT_TRUE(writtenOnce());
+  before = ReadFile(hs_.FilePath(kIniFile));
+  computers.MergeArp({{"198.51.100.6", "02-EE"}, {"203.0.113.9", "02-DD"}});
+  EXPECT_TRUE(writtenOnce());
+  computers.MergeArp({{"203.0.113.9", "02-DD"}});
   EXPECT_TRUE(writtenOnce());
   EXPECT_EQ(section("ARP"), (Names{"198.51.100.20=02-00-00-00-00-14", "198.51.100.5=02-AA",
-                                   "198.51.100.6=02-BB", "203.0.113.9=02-DD"}));
-  // Loaded and learned computers were heard of when they came in; a rename is not.
+                                   "198.51.100.6=02-EE", "203.0.113.9=02-DD"}));
+  // Loaded and learned computers were heard of when they came in; a rename is not; answers to sweeps
+  // count only while sweeping.
   Names rows;
   for (const auto& row : computers.Rows())
-    rows.push_back(row.name + "=" + row.ip + " " + row.mac + " " + row.lastSeen.value_or("-"));
-  EXPECT_EQ(rows, (Names{"host=198.51.100.20 02-00-00-00-00-14 2026-11-22 08:00:00",
-                         longest + "=  2026-11-22 08:01:30", "my pc;[1]#\"'=  2026-11-22 08:01:30",
-                         "\xef\xbb\xbfpc\xe9=  2026-11-22 08:01:30", "pc]=  2026-11-22 08:01:30",
-                         "OFFICE=198.51.100.5  -", "PRINTER=203.0.113.9 02-DD -"}));
+    rows.push_back(row.name + "=" + row.ip + " " + row.mac + " " +
+                   (row.lastSeen ? FormatDateTime(*row.lastSeen) : "-") + (row.Seen() ? " seen" : ""));
+  EXPECT_EQ(rows,
+            (Names{"host=198.51.100.20 02-00-00-00-00-14 2026-11-22 08:00:00 seen",
+                   longest + "=  2026-11-22 08:01:30 seen", "my pc;[1]#\"'=  2026-11-22 08:01:30 seen",
+                   "\xef\xbb\xbfpc\xe9=  2026-11-22 08:01:30 seen", "pc]=  2026-11-22 08:01:30 seen",
+                   "OFFICE=198.51.100.5 02-AA -", "PRINTER=203.0.113.9 02-DD -", "=198.51.100.6 02-EE -"}));
 
   // Renames on the page are not limited; senders are.
   for (size_t k = computers.Count(); k < kMaxLearnedComputers; ++k)
