@@ -6,10 +6,11 @@
 #   scripts/deps.sh bench    what the benchmarks need
 set -euo pipefail
 
-build=(cmake ninja-build g++ pkg-config libasio-dev libsystemd-dev nettle-dev)
+build=(cmake ninja-build g++ pkg-config libasio-dev libsystemd-dev nettle-dev libmosquitto-dev nlohmann-json3-dev)
 test=("${build[@]}" libgtest-dev libgmock-dev googletest clang clang-format libclang-rt-14-dev
       g++-mingw-w64-x86-64-posix mingw-w64-tools wine wine64 xvfb xauth
-      iproute2 wakeonlan python3 util-linux chromium dbus-daemon dpkg-dev file systemd)
+      iproute2 wakeonlan python3 util-linux chromium dbus-daemon dpkg-dev file systemd
+      mosquitto mosquitto-clients)
 package=("${build[@]}" dpkg-dev file g++-mingw-w64-x86-64-posix mingw-w64-tools googletest)
 bench=("${test[@]}" libbenchmark-dev arp-scan nmap wrk hyperfine nginx-light curl)
 

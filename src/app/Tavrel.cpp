@@ -11,6 +11,7 @@
 #include "http/TCPServer.h"
 #include "lan/ComputerActions.h"
 #include "lan/LanScan.h"
+#include "mqtt/Mqtt.h"
 #include "pages/RemoteASP.h"
 #include "pages/StaticFiles.h"
 #include "platform/Host.h"
@@ -33,6 +34,7 @@ Tavrel::~Tavrel() { TakeDown(); }
 
 // Sockets closed, timers and a running sweep stopped: afterwards nothing is left for the loop to do.
 void Tavrel::TakeDown() {
+  if (mqtt_) mqtt_->Stop();
   if (server_) server_->Form_Unload();
   xapGlobal_.SetTransport(nullptr);
   if (transport_ && xapStarted_) transport_->SendStoppedHeartbeat();
@@ -59,6 +61,10 @@ bool Tavrel::form_load() {
     lanScan_ = std::make_unique<LanScan>(
         io_, timers_, computers_, hs_, xapGlobal_, log_, [this] { return transport_->LocalIP(); }, home_);
     StartServer();
+    mqtt_ =
+        StartMqtt({io_, timers_, computers_, log_,
+                   PageActions::ForLan(*lanScan_, xapGlobal_, log_, [this] { return transport_->LocalIP(); }),
+                   startup_.LocalComputerName, ReadMqttSettings(hs_)});
     if (wol.scanInterval > 0) {
       log_.WriteLog(kModule, "Presence: sweeping the LAN every " + std::to_string(wol.scanInterval) +
                                  " s; a computer is away " + std::to_string(wol.awayAfter) +

@@ -26,6 +26,7 @@ class RemoteASP;
 class TCPServer;
 class Guard;
 class ServerLogFile;
+class MqttService;
 
 // The application: builds the shared state at start, starts the xAP node, reads the computer table and
 // from then on only reacts to xAP messages, the menu (tray or signals) and the scan timer. Owns every
@@ -106,6 +107,7 @@ class Tavrel final : public platform::TrayOwner {
   std::unique_ptr<Guard> guard_;
   std::unique_ptr<TCPServer> server_;
   std::unique_ptr<platform::Tray> tray_;
+  std::unique_ptr<MqttService> mqtt_;
 
   bool exiting_ = false;
   bool xapStarted_ = false;

@@ -69,6 +69,16 @@ constexpr Key<InterfaceSettings> kInterfaceKeys[] = {
      }},
 };
 
+constexpr Key<MqttSettings> kMqttKeys[] = {
+    {"MQTTBroker", "", [](MqttSettings& s, std::string t) { s.broker = Trim(t); }},
+    {"MQTTUser", "", [](MqttSettings& s, std::string t) { s.user = std::move(t); }},
+    {"MQTTPassword", "", [](MqttSettings& s, std::string t) { s.password = std::move(t); }},
+    {"MQTTTLSCAFile", "", [](MqttSettings& s, std::string t) { s.tlsCaFile = Trim(t); }},
+    {"MQTTPrefix", "tavrel", [](MqttSettings& s, std::string t) { s.prefix = Trim(t); }},
+    {"MQTTDiscoveryPrefix", "homeassistant",
+     [](MqttSettings& s, std::string t) { s.discoveryPrefix = Trim(t); }},
+};
+
 template <class Section, size_t N>
 Section ReadSection(const Hs& hs, std::string_view section, std::string_view file,
                     const Key<Section> (&keys)[N]) {
@@ -99,5 +109,7 @@ long HttpPortNumber(std::string_view httpPort) {
 InterfaceSettings ReadInterfaceSettings(const Hs& hs) {
   return ReadSection(hs, "Interface", kXapIniFile, kInterfaceKeys);
 }
+
+MqttSettings ReadMqttSettings(const Hs& hs) { return ReadSection(hs, "MQTT", kIniFile, kMqttKeys); }
 
 }  // namespace tavrel

@@ -48,4 +48,16 @@ long HttpPortNumber(std::string_view httpPort);
 
 InterfaceSettings ReadInterfaceSettings(const Hs& hs);
 
+// Section "MQTT" of tavrel.ini: the broker that carries the computers to a home-automation hub.
+struct MqttSettings {
+  std::string broker;           // "MQTTBroker": host[:port] ("" = off)
+  std::string user;             // "MQTTUser"
+  std::string password;         // "MQTTPassword"
+  std::string tlsCaFile;        // "MQTTTLSCAFile": TLS when set
+  std::string prefix;           // "MQTTPrefix": our own topics
+  std::string discoveryPrefix;  // "MQTTDiscoveryPrefix": where the hub looks for announcements
+};
+
+MqttSettings ReadMqttSettings(const Hs& hs);
+
 }  // namespace tavrel
