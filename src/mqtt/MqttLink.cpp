@@ -158,8 +158,11 @@ void MqttLink::Arm() {
 void MqttLink::After(int rc) {
   if (closed_) return;
   if (rc == MOSQ_ERR_SUCCESS && mosquitto_socket(mosq_) >= 0) return Arm();
-  if (refused_ != 0)
-    return Fail(std::string("the broker refused the login: ") + mosquitto_connack_string(refused_));
+  if (refused_ != 0) {
+    std::string why = mosquitto_connack_string(refused_);
+    if (why.ends_with('.')) why.pop_back();
+    return Fail("the broker refused the login: " + why);
+  }
   Fail(rc == MOSQ_ERR_SUCCESS || rc == MOSQ_ERR_CONN_LOST ? "connection lost" : ErrorText(rc));
 }
 

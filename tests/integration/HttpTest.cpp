@@ -1,7 +1,4 @@
 // The real program's web server over raw TCP: whole answers, byte for byte.
-#include <fcntl.h>
-#include <sched.h>
-
 #include <algorithm>
 #include <memory>
 #include <regex>
@@ -15,23 +12,7 @@ namespace tavrel::test {
 namespace {
 
 // The listener binds every address of its machine, so the test keeps it (and the program's clients) in a
-// network namespace of its own that has loopback only, under a fixed host name.
-class PrivateNet {
- public:
-  PrivateNet() {
-    ready_ = net_ >= 0 && uts_ >= 0 && unshare(CLONE_NEWNET | CLONE_NEWUTS) == 0;
-    ready_ = ready_ && sethostname(kHost, sizeof kHost - 1) == 0 && std::system("ip link set lo up") == 0;
-  }
-  ~PrivateNet() { setns(net_, CLONE_NEWNET), setns(uts_, CLONE_NEWUTS), close(net_), close(uts_); }
-  bool Ready() const { return ready_; }
-  static constexpr char kHost[] = "tavrelhost";
-
- private:
-  int net_ = open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC);
-  int uts_ = open("/proc/thread-self/ns/uts", O_RDONLY | O_CLOEXEC);
-  bool ready_ = false;
-};
-
+// private network namespace (Node.h).
 constexpr int kPort = 8080;  // free: nothing else lives in the namespace
 const std::string kIni =
     "[WOL]\r\nHTTPPort=8080\r\nHSAddress=127.0.0.9\r\nHSWebPort=8081\r\n[Computer]\r\nalpha=127.0.0.2\r\n"

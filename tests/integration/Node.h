@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <sched.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/socket.h>
@@ -115,6 +116,34 @@ class Hub {
   int port_ = 0, fd_;
 };
 
+// The wake port (7) of 127.0.0.255, the broadcast address of 127.0.0.9/24: a magic packet the program
+// sends for a computer at 127.0.0.9 stays on this machine and arrives here. Needs root.
+class WakeListener {
+ public:
+  WakeListener() {
+    sockaddr_in addr = Loopback(7);
+    inet_pton(AF_INET, "127.0.0.255", &addr.sin_addr);
+    if (bind(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) throw std::runtime_error("port 7");
+  }
+  ~WakeListener() { close(fd_); }
+  // The next datagram, or "" after 5 s.
+  std::string Receive() {
+    char buf[512];
+    pollfd p{fd_, POLLIN, 0};
+    const ssize_t n = poll(&p, 1, 5000) == 1 ? recv(fd_, buf, sizeof buf, 0) : 0;
+    return std::string(buf, static_cast<size_t>(std::max<ssize_t>(n, 0)));
+  }
+  // Six 0xFF bytes, then the six bytes of the MAC sixteen times.
+  static std::string MagicPacket(const std::string& mac) {
+    std::string packet(6, '\xFF');
+    for (int i = 0; i < 16; ++i) packet += mac;
+    return packet;
+  }
+
+ private:
+  int fd_ = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+};
+
 // This machine's name up to its first ".", as the program names itself.
 inline std::string HostName() {
   char buf[256] = {};
@@ -161,6 +190,24 @@ class Node {
  private:
   TempDir home_;
   pid_t pid_ = -1;
+};
+
+// A network namespace of the test's own that has loopback only, under a fixed host name: the program
+// started inside listens and sends nowhere else, and names itself alike on every machine.
+class PrivateNet {
+ public:
+  PrivateNet() {
+    ready_ = net_ >= 0 && uts_ >= 0 && unshare(CLONE_NEWNET | CLONE_NEWUTS) == 0;
+    ready_ = ready_ && sethostname(kHost, sizeof kHost - 1) == 0 && std::system("ip link set lo up") == 0;
+  }
+  ~PrivateNet() { setns(net_, CLONE_NEWNET), setns(uts_, CLONE_NEWUTS), close(net_), close(uts_); }
+  bool Ready() const { return ready_; }
+  static constexpr char kHost[] = "tavrelhost";
+
+ private:
+  int net_ = open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC);
+  int uts_ = open("/proc/thread-self/ns/uts", O_RDONLY | O_CLOEXEC);
+  bool ready_ = false;
 };
 
 }  // namespace tavrel::test
