@@ -86,7 +86,8 @@ void MqttBridge::Received(const std::string& topic, const std::string& payload, 
   }
   const PageActions& act = ctx_.actions;
   if (!command.button) {
-    if (act.QueryLAN) act.QueryLAN();
+    // As the page, which offers no "Query LAN" while a scan runs.
+    if (act.QueryLAN && !(act.ProcessExists && act.ProcessExists())) act.QueryLAN();
   } else if (*command.button == HomeAssistant::Button::Wake) {
     if (act.SendWOL) act.SendWOL(command.computer->mac, command.computer->ip);
   } else if (act.SendComputerControl) {
