@@ -188,7 +188,8 @@ TEST(TransportTest, BehindAHubTheNodeTakesTheXapPortOnTheFirstTryAfterTheHubHasG
   EXPECT_EQ(node.LocalPort(), xapPort);
   EXPECT_EQ(log.Take(), std::vector{"log|tavrel|Took over xAP port " + std::to_string(xapPort) +
                                     ": the hub is gone, serving the network directly|0|"});
-  io.poll();  // the heartbeat, sent to the xAP port, comes back to the node that now listens there
+  // The heartbeat, sent to the xAP port, comes back to the node that now listens there.
+  EXPECT_TRUE(test::WaitFor([&] { return io.poll(), node.QueueLength() == 2; }));
   timers.Advance(50ms);
   EXPECT_EQ(got, (std::vector{"xap-header\nrelayed"s, heartbeat(xapPort)}));
   EXPECT_EQ(timers.ArmedCount(), 1u);  // the heartbeat's alone
