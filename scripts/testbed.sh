@@ -2,7 +2,8 @@
 # A LAN made of network namespaces, for sweep tests and benchmarks. Needs root.
 #
 #   scripts/testbed.sh up --prefix P [--hosts N] [--hosts2 M] [--late K] [--delay MS]
-#   scripts/testbed.sh depart --prefix P IP...     unplug hosts (their port and namespace go away)
+#   scripts/testbed.sh depart --prefix P IP...     remove hosts (their port and namespace go away)
+#   scripts/testbed.sh unplug|plug --prefix P IP... take a host's link down or bring it back up
 #   scripts/testbed.sh hosts --prefix P            one line per live host: "IP MAC normal|late"
 #   scripts/testbed.sh down --prefix P             remove everything the testbed made
 #
@@ -137,6 +138,15 @@ depart() {
   done
 }
 
+link() { # up|down: the hosts' ports on the bridge
+  local ip port
+  for ip in "${args[@]}"; do
+    port="$(awk -v ip="$ip" '$1 == ip { print $5 }' "$state/hosts")"
+    [ -n "$port" ] || die "no host $ip"
+    ip -n "$br" link set "$port" "$1"
+  done
+}
+
 down() {
   if [ -f "$state/responder.pid" ]; then
     kill "$(cat "$state/responder.pid")" 2>/dev/null || true
@@ -151,7 +161,9 @@ down() {
 case "$cmd" in
   up) up ;;
   depart) depart ;;
+  unplug) link down ;;
+  plug) link up ;;
   hosts) awk '{ print $1, $2, $3 }' "$state/hosts" ;;
   down) down ;;
-  *) die "usage: testbed.sh up|depart|hosts|down --prefix P [options]" ;;
+  *) die "usage: testbed.sh up|depart|unplug|plug|hosts|down --prefix P [options]" ;;
 esac

@@ -30,7 +30,8 @@ XapTransport::XapTransport(asio::io_context& io, Reporter& reporter, TimerFactor
     : XapNode(reporter, timers, *this),
       io_(io),
       listener_(std::make_shared<Receiver>(io)),
-      sender_(std::make_shared<Receiver>(io)) {}
+      sender_(std::make_shared<Receiver>(io)),
+      takeoverTimer_(timers.Create()) {}
 
 XapTransport::~XapTransport() { Close(); }
 
@@ -48,21 +49,21 @@ long XapTransport::Init() {
     broadcastEndpoint_ = udp::endpoint(address, static_cast<unsigned short>(Port()));
 
     CloseSockets();
-    listener_ = std::make_shared<Receiver>(io_);
     sender_ = std::make_shared<Receiver>(io_);
     SetLocalPort(0);
     // The xAP port first, without address reuse: if a hub holds it, the bind fails and we take a port
     // of our own on 127.0.0.1, which the heartbeat announces so the hub relays to it. Nothing on the
     // network can reach that port directly.
-    if (!BindListener(asio::ip::address_v4::any(), Port())) {
-      for (int p = kFirstFallbackPort; p < kFirstFallbackPort + kFallbackAttempts; ++p) {
-        if (BindListener(asio::ip::address_v4::loopback(), p)) break;
-      }
-    }
-    if (LocalPort() == 0) {
+    auto listener = OpenListener(asio::ip::address_v4::any(), Port());
+    for (int p = kFirstFallbackPort; !listener && p < kFirstFallbackPort + kFallbackAttempts; ++p)
+      listener = OpenListener(asio::ip::address_v4::loopback(), p);
+    if (!listener) {
+      listener_ = std::make_shared<Receiver>(io_);
       reporter_.WriteLog(kModule, "SocketsInitialize ", Err::Of("No free UDP port to listen on"));
       return 0;
     }
+    listener_ = std::move(listener);
+    SetLocalPort(listener_->socket.local_endpoint().port());
     if (!OpenSender(ec)) {
       reporter_.WriteLog(kModule, "SocketsInitialize ", SocketErr(ec));
       CloseSockets();
@@ -71,6 +72,7 @@ long XapTransport::Init() {
     }
     StartReceive(listener_);
     StartReceive(sender_);
+    if (LocalPort() != Port()) takeoverTimer_->StartRepeating(kTakeoverInterval, [this] { TakeXapPort(); });
     return LocalPort();
   } catch (const std::exception& e) {
     reporter_.WriteLog(kModule, "SocketsInitialize ", Err::From(e));
@@ -78,22 +80,36 @@ long XapTransport::Init() {
   }
 }
 
-bool XapTransport::BindListener(const asio::ip::address_v4& address, int port) {
+std::shared_ptr<XapTransport::Receiver> XapTransport::OpenListener(const asio::ip::address_v4& address,
+                                                                   int port) {
+  auto listener = std::make_shared<Receiver>(io_);
+  auto& socket = listener->socket;
   std::error_code ec;
-  auto& socket = listener_->socket;
-  socket.close(ec);
   socket.open(udp::v4(), ec);
-  if (ec) return false;
-  socket.bind(udp::endpoint(address, static_cast<unsigned short>(port)), ec);
-  if (ec) {
-    socket.close(ec);
-    return false;
-  }
+  if (!ec) socket.bind(udp::endpoint(address, static_cast<unsigned short>(port)), ec);
+  if (ec) return nullptr;
   socket.non_blocking(true, ec);
   // Room for a burst while the node handles the previous one; the kernel caps the request.
   socket.set_option(asio::socket_base::receive_buffer_size(4 << 20), ec);
-  SetLocalPort(port);
-  return true;
+  return listener;
+}
+
+// The same bind as at start, so a try fails (silently) for as long as the hub holds the xAP port.
+void XapTransport::TakeXapPort() {
+  auto listener = OpenListener(asio::ip::address_v4::any(), Port());
+  if (!listener) return;
+  takeoverTimer_->Stop();
+  // What the hub relayed before it went is still read; then our own port is closed.
+  ReadWaiting(*listener_);
+  std::error_code ec;
+  listener_->socket.close(ec);
+  listener_ = std::move(listener);
+  SetLocalPort(Port());
+  reporter_.WriteLog(kModule, "Took over xAP port " + std::to_string(Port()) +
+                                  ": the hub is gone, serving the network directly");
+  // The heartbeat at once, now naming the xAP port, so other nodes see where this one listens.
+  SendHeartbeat(HeartbeatTimerInterval() / 1000);
+  if (!QueueFull()) StartReceive(listener_);
 }
 
 bool XapTransport::OpenSender(std::error_code& ec) {
@@ -159,6 +175,7 @@ std::string XapTransport::LocalIP() const {
 }
 
 void XapTransport::CloseSockets() {
+  takeoverTimer_->Stop();
   std::error_code ec;
   listener_->socket.close(ec);
   sender_->socket.close(ec);

@@ -119,6 +119,23 @@ TEST_F(LanScanTest, QueryLanSweepsUntilStoppedOrDoneWritingLogsByListNumber) {
   const Texts invalid{"event|tavrel|BuildARPTable|5|Invalid subnet 10.1",
                       "event|tavrel|BuildARPTable|5|Invalid subnet a.b.c"};
   EXPECT_EQ(reporter.Take(), (Texts{invalid[0], invalid[1], invalid[0], invalid[1]}));
+
+  // Presence sweeps repeat until stopped, write no logs, and never replace a sweep that runs.
+  fs::remove(LogFile(0));
+  scan.BuildARPTable();
+  scan.StartPresence(10s);
+  io.restart();
+  io.run_for(5s);
+  EXPECT_TRUE(fs::exists(LogFile(0)));
+  fs::remove(LogFile(0));
+  timers.Advance(10s);
+  EXPECT_TRUE(scan.ProcessExists());
+  io.restart();
+  io.run_for(5s);
+  EXPECT_FALSE(fs::exists(LogFile(0)) || scan.ProcessExists());
+  scan.Stop();
+  EXPECT_EQ(timers.ArmedCount(), 0u);
+  reporter.Take();
 }
 
 // The interpreter stood in for: each start writes the log "arp -a" would give (logs, by list number) and

@@ -3,7 +3,11 @@
 # subnets at once, hosts that answer ARP 200 ms late, and no host that has left since the previous sweep,
 # both with the program's own ARP requests (root) and without the privilege to send them (the neighbour
 # table path). Then "Query LAN" through the whole program (SIGUSR1, the menu entry's signal on Linux):
-# section [ARP] of Config/tavrel.ini must hold exactly the live hosts, and SIGTERM ends it with 0.
+# section [ARP] of Config/tavrel.ini must hold exactly the live hosts. Presence in the same run
+# ("ScanInterval" 10, "AwayAfter" 25): a host unplugged turns red on the page after AwayAfter and not
+# before, one that misses every other sweep never does, one plugged back in is green within an interval
+# and a second; a host that is off keeps its MAC and WOL button after "Query LAN", and the button puts the
+# magic packet on the wire. SIGTERM ends it with 0.
 #   usage: sweep.sh PATH/TO/tavrel        exit 77 = skipped
 set -uo pipefail
 
@@ -72,7 +76,8 @@ catches_usr1() { # tavrel itself runs (not the wrapper before it) and has its SI
 home="$work/home" port=$((20000 + RANDOM % 20000))
 mkdir -p "$home/Config"
 printf '[Interface]\nBroadcastAddress=127.0.0.1\nPort=%d\n' "$port" >"$home/Config/zelXap.ini"
-printf '[WOL]\nSubnet=198.51.100, 203.0.113\nScanMethod=native\nHTTPPort=%d\n' $((port + 1)) >"$home/Config/tavrel.ini"
+printf '[WOL]\nSubnet=198.51.100, 203.0.113\nScanMethod=native\nHTTPPort=%d\nScanInterval=10\nAwayAfter=25\n' \
+  $((port + 1)) >"$home/Config/tavrel.ini"
 ip netns exec "$prefix-scan" setpriv --bounding-set -net_raw,-net_admin "$tavrel" --home "$home" --no-tray \
   >"$home/stdout" 2>&1 &
 pid=$!
@@ -82,6 +87,67 @@ if wait_for 10 catches_usr1; then
 else
   fail "Query LAN: SIGUSR1 not caught within 10 s"
 fi
+# The page's rows as "IP light MAC WOL|- key", and its WOL button pressed for an address.
+cat >"$work/page.py" <<'EOF2'
+import re, sys, urllib.parse, urllib.request
+url = "http://127.0.0.1:%s/wol" % sys.argv[1]
+html = urllib.request.urlopen(url, timeout=5).read().decode("latin-1")
+rows = []
+for tr in [tr for tr in html.split("<tr>") if "type='checkbox'" in tr]:
+    cells = [re.sub("<[^>]*>", "", c) if i in (3, 4) else c for i, c in enumerate(re.findall(r"<td[^>]*>(.*?)</td>", tr))]
+    led = re.search(r"led-(\w+)\.gif", cells[1])
+    rows.append((cells[3], led.group(1) if led else "-", cells[4] or "-", "WOL" if "'WOL'" in cells[5] else "-",
+                 re.search(r"name='R(\d+)'", cells[0]).group(1)))
+if sys.argv[2] == "rows":
+    for row in rows: print(*row)
+else:
+    key = [row[4] for row in rows if row[0] == sys.argv[3]][0]
+    form = urllib.parse.urlencode({"clientinput": "yes", "subnet": "198.51.100, 203.0.113", "WOL" + key: "WOL"}).encode()
+    urllib.request.urlopen(url, data=form, timeout=5).read()
+EOF2
+page() { in_scanner privileged python3 "$work/page.py" $((port + 1)) "$@"; }
+light() { page rows 2>/dev/null | awk -v ip="$1" '$1 == ip { print $2 }'; }
+is_light() { [ "$(light "$1")" = "$2" ]; }
+now() { date +%s.%N; }
+
+off=198.51.100.6 flapping=198.51.100.8 listener="$prefix-h1"
+wait_for 15 is_light $off Green && wait_for 15 is_light $flapping Green || fail "presence: live hosts not green: $(page rows)"
+# The flapping host is unplugged 9 s of every 20: every other sweep misses it.
+( for _ in 1 2 3; do sleep 11; "$testbed" unplug --prefix "$prefix" $flapping; sleep 9; "$testbed" plug --prefix "$prefix" $flapping; done ) &
+toggler=$!
+"$testbed" unplug --prefix "$prefix" $off
+unplugged=$(now) red=""
+while [ "$(python3 -c "print(int($(now) - $unplugged < 40))")" = 1 ]; do
+  rows=$(page rows)
+  [ "$(awk -v ip=$flapping '$1 == ip { print $2 }' <<<"$rows")" = Red ] && { fail "presence: a host missing every other sweep turned red"; break; }
+  if [ -z "$red" ] && [ "$(awk -v ip=$off '$1 == ip { print $2 }' <<<"$rows")" = Red ]; then
+    red=$(python3 -c "print(round($(now) - $unplugged, 1))")
+  fi
+  sleep 0.5
+done
+echo "presence: unplugged host red after $red s (AwayAfter 25, ScanInterval 10)"
+[ -n "$red" ] || fail "presence: unplugged host not red within 40 s"
+[ -z "$red" ] || python3 -c "import sys; sys.exit(0 if 14 <= $red <= 28 else 1)" || fail "presence: red after $red s, not after AwayAfter"
+
+# Query LAN while it is off: its MAC and WOL button stay, and the button wakes it.
+kill -USR1 "$pid"
+sleep 3
+page rows >"$work/rows"
+grep -q "^$off Red 02-00-C6-33-64-06 WOL " "$work/rows" || fail "Query LAN: the computer that is off lost its MAC or WOL button: $(grep "^$off " "$work/rows")"
+grep -q "^203\.0\.113\.2 Green 02-00-CB-00-71-02 WOL " "$work/rows" || fail "Query LAN: the second subnet lost its MACs"
+ip netns exec "$listener" python3 -c 'import socket; s = socket.socket(socket.AF_INET, socket.SOCK_DGRAM); s.bind(("0.0.0.0", 7)); s.settimeout(10); print(s.recvfrom(512)[0].hex())' >"$work/magic" 2>&1 &
+listening=$!
+sleep 0.5
+page wake $off || fail "WOL button: post failed"
+wait $listening
+[ "$(cat "$work/magic")" = "ffffffffffff$(printf '0200c6336406%.0s' {1..16})" ] || fail "WOL button: no magic packet for $off: $(cat "$work/magic")"
+
+"$testbed" plug --prefix "$prefix" $off
+plugged=$(now)
+wait_for 12 is_light $off Green || fail "presence: host plugged back in not green within 12 s"
+echo "presence: host plugged back in green after $(python3 -c "print(round($(now) - $plugged, 1))") s"
+wait $toggler
+
 kill -TERM "$pid"
 ended 10
 [ "$rc" = 0 ] || fail "Query LAN: exit code $rc after SIGTERM"

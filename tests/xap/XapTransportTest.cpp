@@ -3,6 +3,8 @@
 #include <tuple>
 #include <vector>
 
+#include <asio/io_context.hpp>
+#include <asio/ip/udp.hpp>
 #include <gtest/gtest.h>
 
 #include "ManualTimers.h"
@@ -142,6 +144,58 @@ TEST_F(NodeRulesTest, SendSkipsBodyPiecesWithoutASeparatorBarsBecomeLineFeedsAnd
   node.Send("", "C", "B", "");
   node.SendHeartbeat(60);
   EXPECT_EQ(Logged(), "SendXap |10065\nSendHeartbeat|10065\n");
+}
+
+// Behind a hub the node tries for the xAP port every 10 s, silently while the hub holds it. The first try
+// after the hub has gone takes it: one log line, the heartbeat at once naming it, what waited on the
+// node's own port still read, that port closed and the tries over.
+TEST(TransportTest, BehindAHubTheNodeTakesTheXapPortOnTheFirstTryAfterTheHubHasGone) {
+  using asio::ip::udp;
+  const auto loopback = asio::ip::make_address_v4("127.0.0.1");
+  asio::io_context io;
+  test::RecordingReporter log;
+  test::ManualTimers timers;
+  auto hub = std::make_unique<udp::socket>(io, udp::endpoint(loopback, 0));
+  const int xapPort = hub->local_endpoint().port();
+  XapTransport node(io, log, timers);
+  node.SetXapUID("FF001500");
+  node.SetBroadcastAddress("127.0.0.1");
+  node.SetPort(xapPort);
+  node.SetFilterHeartbeats(false);
+  std::vector<std::string> got;
+  node.RegisterNewMessageCallback([&] {
+    for (std::string t = node.GetMessage(); !t.empty(); t = node.GetMessage()) got.push_back(t);
+  });
+  const long own = node.Init();
+  ASSERT_GE(own, XapTransport::kFirstFallbackPort);
+  node.SendHeartbeat(60);
+  const auto heartbeat = [&](long port) {
+    return "xap-hbeat\n{\nv=12\nhop=1\nuid=FF001500\nclass=xap-hbeat.alive\nsource=\ninterval=600\nport=" +
+           std::to_string(port) + "\n}\n";
+  };
+  std::string text(2048, '\0');
+  EXPECT_EQ(text.substr(0, hub->receive(asio::buffer(text))), heartbeat(own));
+
+  timers.Advance(10s);
+  EXPECT_EQ(node.LocalPort(), own);
+  hub->send_to(asio::buffer("xap-header\nrelayed"s),
+               udp::endpoint(loopback, static_cast<unsigned short>(own)));
+  hub.reset();
+  timers.Advance(9999ms);
+  EXPECT_EQ(node.LocalPort(), own);
+  EXPECT_TRUE(log.Take().empty());
+  timers.Advance(1ms);
+  EXPECT_EQ(node.LocalPort(), xapPort);
+  EXPECT_EQ(log.Take(), std::vector{"log|tavrel|Took over xAP port " + std::to_string(xapPort) +
+                                    ": the hub is gone, serving the network directly|0|"});
+  // The heartbeat, sent to the xAP port, comes back to the node that now listens there.
+  EXPECT_TRUE(test::WaitFor([&] { return io.poll(), node.QueueLength() == 2; }));
+  timers.Advance(50ms);
+  EXPECT_EQ(got, (std::vector{"xap-header\nrelayed"s, heartbeat(xapPort)}));
+  EXPECT_EQ(timers.ArmedCount(), 1u);  // the heartbeat's alone
+  std::error_code ec;
+  udp::socket(io, udp::v4()).bind(udp::endpoint(loopback, static_cast<unsigned short>(own)), ec);
+  EXPECT_FALSE(ec) << ec.message();
 }
 
 }  // namespace
