@@ -30,6 +30,13 @@ else
   echo "skipped: the sweep benchmark needs root for its network namespaces"
 fi
 
+echo "== MQTT: presence on the testbed, traffic, memory with 1,000 computers"
+if [ "$(id -u)" -eq 0 ]; then
+  bash "$root/bench/mqtt.sh" "$build/tavrel"
+else
+  echo "skipped: the MQTT benchmark needs root for its network namespaces"
+fi
+
 echo "== script pages (the Windows program under Wine)"
 if [ -f "$root/build/windows/tavrel.exe" ] && [ -x /usr/lib/wine/wine64 ]; then
   bash "$root/bench/script-pages.sh" "$root/build/windows/tavrel.exe"

@@ -158,11 +158,8 @@ void MqttLink::Arm() {
 void MqttLink::After(int rc) {
   if (closed_) return;
   if (rc == MOSQ_ERR_SUCCESS && mosquitto_socket(mosq_) >= 0) return Arm();
-  if (refused_ != 0) {
-    std::string why = mosquitto_connack_string(refused_);
-    if (why.ends_with('.')) why.pop_back();
-    return Fail("the broker refused the login: " + why);
-  }
+  if (refused_ != 0)
+    return Fail(std::string("the broker refused the login: ") + mosquitto_connack_string(refused_));
   Fail(rc == MOSQ_ERR_SUCCESS || rc == MOSQ_ERR_CONN_LOST ? "connection lost" : ErrorText(rc));
 }
 
@@ -173,9 +170,11 @@ void MqttLink::Fail(const std::string& reason) {
   connected_ = false;
   if (!failing_) {
     failing_ = true;
+    std::string why = reason;  // the library's texts end with a full stop
+    if (why.ends_with('.')) why.pop_back();
     reporter_.WriteLog(kModule,
                        std::string(wasUp ? "MQTT: lost the broker " : "MQTT: cannot connect to the broker ") +
-                           Broker() + ": " + reason + "; trying again, at most every minute");
+                           Broker() + ": " + why + "; trying again, at most every minute");
   }
   retry_->Start(backoff_, [this] { Connect(); });
   backoff_ = std::min(backoff_ * 2, std::chrono::seconds(60));
