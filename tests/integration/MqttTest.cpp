@@ -1,5 +1,5 @@
 // The real program with a real MQTT broker (Debian's mosquitto), both in a private network namespace:
-// what the hub is told, byte for byte; button presses reaching the network; a broker that goes and comes.
+// what the hub is told, byte for byte; a button press reaching the network; a broker that goes and comes.
 #include <algorithm>
 #include <regex>
 
@@ -132,7 +132,6 @@ class MqttTest : public ::testing::Test {
 TEST_F(MqttTest, AnnouncesTheTableTakesPressesAndComesBackWithTheBroker) {
   Broker broker;
   broker.Start();
-  WakeListener wake;
   Hub hub;
   Node node(hub.Port(), kIni);
   auto sub = std::make_unique<Subscriber>();
@@ -142,9 +141,7 @@ TEST_F(MqttTest, AnnouncesTheTableTakesPressesAndComesBackWithTheBroker) {
   const std::string heartbeat = hub.Heartbeat();
   const int port = std::atoi(heartbeat.substr(heartbeat.find("\nport=") + 6).c_str());
 
-  // A press does what the page's button does: the magic packet, the computer-control message.
-  Subscriber::Publish("tavrel/tavrelhost/001a2b3c4d5e/wake", "PRESS");
-  EXPECT_EQ(wake.Receive(), WakeListener::MagicPacket("\x00\x1A\x2B\x3C\x4D\x5E"s));
+  // A press does what the page's button does (the wake button is pressed in the namespace sweep test).
   Subscriber::Publish("tavrel/tavrelhost/001a2b3c4d5e/reboot", "PRESS");
   EXPECT_EQ(hub.ReceiveUntil([](const std::string& t) { return t.find("class=Computer.Process") != t.npos; }),
             "xap-header\n{\nv=12\nhop=1\nuid=FF001500\nclass=Computer.Process\nsource=zel.WOL.tavrelhost\n"

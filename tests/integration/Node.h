@@ -119,34 +119,6 @@ class Hub {
   int port_ = 0, fd_;
 };
 
-// The wake port (7) of 127.0.0.255, the broadcast address of 127.0.0.9/24: a magic packet the program
-// sends for a computer at 127.0.0.9 stays on this machine and arrives here. Needs root.
-class WakeListener {
- public:
-  WakeListener() {
-    sockaddr_in addr = Loopback(7);
-    inet_pton(AF_INET, "127.0.0.255", &addr.sin_addr);
-    if (bind(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) throw std::runtime_error("port 7");
-  }
-  ~WakeListener() { close(fd_); }
-  // The next datagram, or "" after 5 s.
-  std::string Receive() {
-    char buf[512];
-    pollfd p{fd_, POLLIN, 0};
-    const ssize_t n = poll(&p, 1, 5000) == 1 ? recv(fd_, buf, sizeof buf, 0) : 0;
-    return std::string(buf, static_cast<size_t>(std::max<ssize_t>(n, 0)));
-  }
-  // Six 0xFF bytes, then the six bytes of the MAC sixteen times.
-  static std::string MagicPacket(const std::string& mac) {
-    std::string packet(6, '\xFF');
-    for (int i = 0; i < 16; ++i) packet += mac;
-    return packet;
-  }
-
- private:
-  int fd_ = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-};
-
 // The UDP datagrams on loopback to one port, read off the wire (needs root): what a node that holds the
 // xAP port sends there reaches only that node.
 class Wire {

@@ -7,7 +7,8 @@
 # ("ScanInterval" 10, "AwayAfter" 25): a host unplugged turns red on the page after AwayAfter and not
 # before, one that misses every other sweep never does, one plugged back in is green within an interval
 # and a second; a host that is off keeps its MAC and WOL button after "Query LAN", and the button puts the
-# magic packet on the wire. SIGTERM ends it with 0.
+# magic packet on the wire, as does its wake button pressed over MQTT (a broker in the scanner namespace).
+# SIGTERM ends it with 0.
 #   usage: sweep.sh PATH/TO/tavrel        exit 77 = skipped
 set -uo pipefail
 
@@ -19,9 +20,10 @@ command -v ip >/dev/null && command -v python3 >/dev/null && command -v setpriv 
   { echo "SKIP: needs ip, python3 and setpriv"; exit 77; }
 ip netns add "swchk$$" 2>/dev/null && ip netns del "swchk$$" || { echo "SKIP: network namespaces unavailable"; exit 77; }
 
-prefix="sw$$" work="$(mktemp -d)" pid=""
+prefix="sw$$" work="$(mktemp -d)" pid="" broker=""
 cleanup() {
   [ -z "$pid" ] || kill -KILL "$pid" 2>/dev/null
+  [ -z "$broker" ] || kill "$broker" 2>/dev/null
   "$testbed" down --prefix "$prefix" >/dev/null 2>&1
   rm -rf "$work"
 }
@@ -78,6 +80,12 @@ mkdir -p "$home/Config"
 printf '[Interface]\nBroadcastAddress=127.0.0.1\nPort=%d\n' "$port" >"$home/Config/zelXap.ini"
 printf '[WOL]\nSubnet=198.51.100, 203.0.113\nScanMethod=native\nHTTPPort=%d\nScanInterval=10\nAwayAfter=25\n' \
   $((port + 1)) >"$home/Config/tavrel.ini"
+if command -v mosquitto >/dev/null && command -v mosquitto_pub >/dev/null; then
+  printf 'user root\nlistener %d 127.0.0.1\nallow_anonymous true\npersistence false\n' $((port + 2)) >"$work/broker.conf"
+  ip netns exec "$prefix-scan" mosquitto -c "$work/broker.conf" >/dev/null 2>&1 &
+  broker=$!
+  printf '[MQTT]\nMQTTBroker=127.0.0.1:%d\n' $((port + 2)) >>"$home/Config/tavrel.ini"
+fi
 ip netns exec "$prefix-scan" setpriv --bounding-set -net_raw,-net_admin "$tavrel" --home "$home" --no-tray \
   >"$home/stdout" 2>&1 &
 pid=$!
@@ -135,12 +143,22 @@ sleep 3
 page rows >"$work/rows"
 grep -q "^$off Red 02-00-C6-33-64-06 WOL " "$work/rows" || fail "Query LAN: the computer that is off lost its MAC or WOL button: $(grep "^$off " "$work/rows")"
 grep -q "^203\.0\.113\.2 Green 02-00-CB-00-71-02 WOL " "$work/rows" || fail "Query LAN: the second subnet lost its MACs"
-ip netns exec "$listener" python3 -c 'import socket; s = socket.socket(socket.AF_INET, socket.SOCK_DGRAM); s.bind(("0.0.0.0", 7)); s.settimeout(10); print(s.recvfrom(512)[0].hex())' >"$work/magic" 2>&1 &
-listening=$!
-sleep 0.5
-page wake $off || fail "WOL button: post failed"
-wait $listening
-[ "$(cat "$work/magic")" = "ffffffffffff$(printf '0200c6336406%.0s' {1..16})" ] || fail "WOL button: no magic packet for $off: $(cat "$work/magic")"
+wakes() { # what command...: the command puts the magic packet for $off on the wire
+  ip netns exec "$listener" python3 -c 'import socket; s = socket.socket(socket.AF_INET, socket.SOCK_DGRAM); s.bind(("0.0.0.0", 7)); s.settimeout(10); print(s.recvfrom(512)[0].hex())' >"$work/magic" 2>&1 &
+  local listening=$!
+  sleep 0.5
+  "${@:2}" || fail "$1: press failed"
+  wait $listening
+  [ "$(cat "$work/magic")" = "ffffffffffff$(printf '0200c6336406%.0s' {1..16})" ] || fail "$1: no magic packet for $off: $(cat "$work/magic")"
+}
+wakes "WOL button" page wake $off
+# The hub's button for it: topic tavrel/<this machine's name>/<MAC digits>/wake.
+if [ -n "$broker" ]; then
+  node=$(hostname | cut -d. -f1 | tr 'A-Z' 'a-z' | sed 's/[^a-z0-9_-]/_/g')
+  wakes "MQTT wake button" ip netns exec "$prefix-scan" mosquitto_pub -p $((port + 2)) -t "tavrel/$node/0200c6336406/wake" -m PRESS
+else
+  echo "no MQTT wake button: mosquitto is not installed"
+fi
 
 "$testbed" plug --prefix "$prefix" $off
 plugged=$(now)
