@@ -193,12 +193,8 @@ TEST_F(ServerModuleTest, ClientThatTakesNothingIsClosedAfterTheTimeOuts) {
 }
 
 // Only the port setting here: what the listener serves is tested end to end over real sockets.
-TEST(ListenerTest, PortSettingDecidesWhetherAndWhereItListens) {
+TEST_F(ServerModuleTest, PortSettingDecidesWhetherAndWhereTheListenerListens) {
   asio::io_context io;
-  test::ManualTimers timers;
-  ManualClock clock{MakeDateTime(2026, 11, 22, 10, 30)};
-  test::RecordingReporter reporter;
-  test::TempDir home;
   const int port = asio::ip::tcp::acceptor(io, {asio::ip::address_v4::loopback(), 0}).local_endpoint().port();
   const std::tuple<std::string, int, bool> cases[] = {
       {"abc", 0, false}, {"70000", 0, true}, {"\"" + std::to_string(port) + "\"", port, false}};
