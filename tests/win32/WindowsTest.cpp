@@ -6,7 +6,6 @@
 #include <shellapi.h>
 
 #include <chrono>
-#include <cstdlib>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -42,8 +41,6 @@ class FakeOwner final : public TrayOwner {
 const TrayConfig kWol{
     "WOL", {{"Browser"}, {"System Config"}, {"System Status"}, {"Query LAN"}, {"Help"}, {"-"}, {"Exit"}}};
 
-bool HasDisplay() { return std::getenv("DISPLAY") != nullptr; }
-
 // Runs the loop until cond holds; the window threads' events arrive through it.
 bool RunUntil(asio::io_context& io, const std::function<bool()>& cond) {
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
@@ -55,7 +52,6 @@ bool RunUntil(asio::io_context& io, const std::function<bool()>& cond) {
 class TrayTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    if (!HasDisplay()) GTEST_SKIP() << "no X display";
     std::string whyNot;
     tray = OpenTray(io, owner, kWol, whyNot);
     ASSERT_NE(tray, nullptr) << whyNot;
@@ -183,7 +179,6 @@ TEST_F(TrayTest, PopupMenuShowsTheEntriesInOrderAndReportsTheChoice) {
 // The session's end (the Exit work done before the answer, so the "stopped" heartbeat goes out) is the
 // smoke test's; closing the hidden window (taskkill without /f) asks for the same end, without waiting.
 TEST(SessionEnd, ClosingTheWindowAsksForTheEnd) {
-  if (!HasDisplay()) GTEST_SKIP() << "no X display";
   asio::io_context io;
   auto work = asio::make_work_guard(io);
   int ends = 0;
@@ -291,7 +286,6 @@ TEST(ScriptControl, FailuresCarryTheScriptsNumberTextAndLine) {
   control->AddObject("rec", std::make_shared<Recorder>(), false);
   control->AddCode(
       "Sub CallsFail()\r\n  rec.Fail\r\nEnd Sub\r\n"
-      "Sub Divide()\r\n  x = 1 / 0\r\nEnd Sub\r\n"
       "Sub Ask()\r\n  MsgBox \"Anybody there?\"\r\nEnd Sub\r\n"
       "Sub Late()\r\n  a = 1\r\n  b = CLng(\"x\")\r\nEnd Sub\r\n"
       "Sub Raise()\r\n  Err.Raise 1234, \"page\", \"raised by the page\"\r\nEnd Sub\r\n");
@@ -300,11 +294,10 @@ TEST(ScriptControl, FailuresCarryTheScriptsNumberTextAndLine) {
   const std::pair<std::function<void()>, std::string> cases[] = {
       {[&] { control->AddCode("Dim a\r\nSub Broken(\r\n"); }, wine ? ".+ 2: .+" : "1002 2: .+"},
       {[&] { control->Run("NoSuchRoutine", {}); }, std::to_string(DISP_E_UNKNOWNNAME) + " .+: .+"},
-      {[&] { control->Run("Divide", {}); }, "11 5: .+"},
-      {[&] { control->Run("Late", {}); }, "13 12: .+"},  // type mismatch
+      {[&] { control->Run("Late", {}); }, "13 9: .+"},  // type mismatch
       {[&] { control->Run("CallsFail", {}); }, "5 2: refused by the program"},
-      {[&] { control->Run("Raise", {}); }, "1234 15: raised by the page"},
-      {[&] { control->Run("Ask", {}); }, ".+ 8: .+"},  // a dialog nobody would see
+      {[&] { control->Run("Raise", {}); }, "1234 12: raised by the page"},
+      {[&] { control->Run("Ask", {}); }, ".+ 5: .+"},  // a dialog nobody would see
   };
   for (const auto& [act, error] : cases) EXPECT_THAT(ErrorOf(act), ::testing::MatchesRegex(error));
 }
