@@ -112,6 +112,9 @@ std::optional<std::string> FromBody(const Request& request, std::string& error) 
   } catch (const Json::parse_error& e) {
     error = "the body is not JSON: it goes wrong at byte " + std::to_string(e.byte);
     return std::nullopt;
+  } catch (const Json::out_of_range&) {
+    error = "the body holds a number out of range";
+    return std::nullopt;
   }
   if (tooDeep) {
     error = "the body nests deeper than " + std::to_string(JsonApi::kMaxDepth) + " levels";

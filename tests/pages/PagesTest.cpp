@@ -198,6 +198,8 @@ TEST_F(PageTest, JsonActionsAndRefusals) {
        bad + R"({"error":"the body is not JSON: it goes wrong at byte 15"})"},
       {"POST /api/wake", std::string("{\"computer\":\"pc1\0\"}", 19),
        bad + R"({"error":"the body is not JSON: it goes wrong at byte 17"})"},
+      {"POST /api/wake", R"({"computer":1E99999})",
+       bad + R"({"error":"the body holds a number out of range"})"},
       {"POST /api/wake", R"(["pc1"])",
        bad + R"({"error":"the body is not a JSON object such as {\"computer\":\"pc1\"}"})"},
       {"POST /api/wake", R"({"computer":["pc1"]})",
