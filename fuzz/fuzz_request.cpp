@@ -45,7 +45,7 @@ struct Api {
     actions.SendWOL = [this](const std::string&, const std::string&) { return ++calls, true; };
     actions.SendComputerControl = [this](const std::string&, const std::string&) { ++calls; };
     actions.QueryLAN = [this] { ++calls; };
-    api = std::make_unique<tavrel::JsonApi>(computers, actions);
+    api = std::make_unique<tavrel::JsonApi>(computers, clock, actions);
   }
   ~Api() { std::filesystem::remove_all(folder); }
 

@@ -112,7 +112,7 @@ void Tavrel::StartServer() {
   PageActions actions =
       PageActions::ForLan(*lanScan_, xapGlobal_, log_, [this] { return transport_->LocalIP(); });
   // The JSON interface acts through the same actions as the page's buttons.
-  api_ = std::make_unique<JsonApi>(computers_, actions);
+  api_ = std::make_unique<JsonApi>(computers_, clock_, actions);
   pages_ = std::make_unique<RemoteASP>(
       PageContext{computers_, hs_, clock_, log_, std::move(actions), scripts_.get(), wol.scriptPages});
   // Who may use the page is looked up for every request: a user may change it while the program runs.

@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstdio>
 #include <exception>
+#include <map>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <utility>
@@ -45,23 +46,32 @@ JsonApi::Answer Error(std::string_view status, const std::string& message, std::
 
 Json NullIfEmpty(const std::string& text) { return text.empty() ? Json(nullptr) : Json(text); }
 
-// "2026-11-22T09:15:00Z" for a local time of this machine, or null.
-Json Utc(const std::optional<DateTime>& local) {
-  if (!local) return nullptr;
-  const std::time_t at = platform::TimeOfLocal(*local);
-  if (at == static_cast<std::time_t>(-1)) return nullptr;
-  using namespace std::chrono;
-  const sys_seconds t{seconds{at}};
-  const sys_days day = floor<days>(t);
-  const year_month_day date{day};
-  const hh_mm_ss<seconds> time{t - day};
-  char text[32];
-  std::snprintf(text, sizeof text, "%04d-%02u-%02uT%02d:%02d:%02dZ", static_cast<int>(date.year()),
-                static_cast<unsigned>(date.month()), static_cast<unsigned>(date.day()),
-                static_cast<int>(time.hours().count()), static_cast<int>(time.minutes().count()),
-                static_cast<int>(time.seconds().count()));
-  return text;
-}
+// "2026-11-22T09:15:00Z" for local times of this machine. The C library is asked once per local hour (a
+// zone changes its offset on the hour), since it may look at the zone's file on every call.
+class UtcTimes {
+ public:
+  Json operator()(const std::optional<DateTime>& local) {
+    if (!local) return nullptr;
+    using namespace std::chrono;
+    const local_time<hours> hour = floor<hours>(*local);
+    auto known = hours_.find(hour);
+    if (known == hours_.end()) known = hours_.emplace(hour, platform::TimeOfLocal(hour)).first;
+    if (known->second == static_cast<std::time_t>(-1)) return nullptr;
+    const sys_seconds t = sys_seconds{seconds{known->second}} + (*local - hour);
+    const sys_days day = floor<days>(t);
+    const year_month_day date{day};
+    const hh_mm_ss<seconds> time{t - day};
+    char text[32];
+    std::snprintf(text, sizeof text, "%04d-%02u-%02uT%02d:%02d:%02dZ", static_cast<int>(date.year()),
+                  static_cast<unsigned>(date.month()), static_cast<unsigned>(date.day()),
+                  static_cast<int>(time.hours().count()), static_cast<int>(time.minutes().count()),
+                  static_cast<int>(time.seconds().count()));
+    return text;
+  }
+
+ private:
+  std::map<std::chrono::local_time<std::chrono::hours>, std::time_t> hours_;
+};
 
 // The value of "computer" in a query as sent ("a=1&computer=pc%201"), decoded; none when absent.
 std::optional<std::string> FromQuery(std::string_view rawQuery) {
@@ -179,7 +189,7 @@ std::string Who(const Row& row) { return row.computer ? "\"" + row.name + "\"" :
 
 }  // namespace
 
-JsonApi::Answer JsonApi::Handle(const Request& request) const {
+JsonApi::Answer JsonApi::Handle(const Request& request) {
   try {
     const std::string page = Response::PagePath(request.page());
     const std::string& method = request.Method();
@@ -204,21 +214,31 @@ void JsonApi::ServeApi(const Request& request, Response& response) {
   response.SendJson(answer.status, answer.body, allow);
 }
 
-JsonApi::Answer JsonApi::Computers() const {
+JsonApi::Answer JsonApi::Computers() {
+  const bool scanning = actions_.ProcessExists && actions_.ProcessExists();
+  const DateTime now = clock_.Now();
+  if (table_ && table_->version == computers_.Version() && table_->at == now &&
+      table_->scanning == scanning) {
+    return {std::string(kOk), table_->text, {}};
+  }
+  const std::vector<Row> rows = computers_.Rows();
   Json list = Json::array();
-  for (const Row& row : computers_.Rows()) {
+  list.get_ref<Json::array_t&>().reserve(rows.size());
+  UtcTimes utc;
+  for (const Row& row : rows) {
     Json seenBy = Json::array();
     if (row.byXap) seenBy.push_back("xap");
     if (row.bySweep) seenBy.push_back("sweep");
     list.push_back(Json{{"name", row.computer ? Json(row.name) : Json(nullptr)},
                         {"ip", NullIfEmpty(row.ip)},
                         {"mac", NullIfEmpty(row.mac)},
-                        {"lastSeen", Utc(row.lastSeen)},
+                        {"lastSeen", utc(row.lastSeen)},
                         {"seen", row.Seen()},
                         {"seenBy", std::move(seenBy)}});
   }
-  const bool scanning = actions_.ProcessExists && actions_.ProcessExists();
-  return Reply(kOk, Json{{"computers", std::move(list)}, {"scanning", scanning}});
+  table_ = Table{computers_.Version(), now, scanning,
+                 Text(Json{{"computers", std::move(list)}, {"scanning", scanning}})};
+  return {std::string(kOk), table_->text, {}};
 }
 
 JsonApi::Answer JsonApi::Act(std::string_view action, const Request& request) const {

@@ -1,9 +1,12 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 
+#include "core/Clock.h"
 #include "http/Request.h"
 #include "http/Response.h"
 #include "http/TCPServerModule.h"
@@ -29,20 +32,31 @@ class JsonApi : public ApiHandler {
     std::string allow;
   };
 
-  JsonApi(ComputerRegistry& computers, PageActions actions)
-      : computers_(computers), actions_(std::move(actions)) {}
+  JsonApi(ComputerRegistry& computers, const Clock& clock, PageActions actions)
+      : computers_(computers), clock_(clock), actions_(std::move(actions)) {}
 
   // The answer to one request for a path under "/api/". Never throws.
-  Answer Handle(const Request& request) const;
+  Answer Handle(const Request& request);
   void ServeApi(const Request& request, Response& response) override;
 
  private:
-  Answer Computers() const;
+  // The table's document and what it was written from: the requests of one batch (and of one second)
+  // share it unless the table changes meanwhile.
+  struct Table {
+    uint64_t version = 0;
+    DateTime at;
+    bool scanning = false;
+    std::string text;
+  };
+
+  Answer Computers();
   Answer Act(std::string_view action, const Request& request) const;
   Answer Scan() const;
 
   ComputerRegistry& computers_;
+  const Clock& clock_;
   PageActions actions_;
+  std::optional<Table> table_;
 };
 
 }  // namespace tavrel

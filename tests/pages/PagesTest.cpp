@@ -43,7 +43,7 @@ class PageTest : public ::testing::Test {
     actions.QueryLAN = [this] { calls.push_back("QueryLAN"); };
     actions.ProcessExists = [this] { return scanning; };
     actions.LocalIP = [] { return std::string("198.51.100.20"); };
-    api = std::make_unique<JsonApi>(computers, actions);
+    api = std::make_unique<JsonApi>(computers, clock, actions);
     page = std::make_unique<RemoteASP>(PageContext{computers, hs, clock, reporter, actions});
   }
 
@@ -143,13 +143,17 @@ TEST_F(PageTest, JsonTableIsByteExact) {
   clock.Set(MakeDateTime(2026, 11, 22, 10, 27));
   computers.MergeArp({{"198.51.100.10", "00-11-22-33-44-55"}, {"198.51.100.5", "00-11-22-33-44-05"}});
   clock.Set(MakeDateTime(2026, 11, 22, 10, 30));
+  // A table that changes, or a scan that starts, within the second gets a new document.
+  const std::string before = Api("GET /api/computers");
   computers.Learn("laptop");
+  EXPECT_NE(Api("GET /api/computers").find("laptop"), std::string::npos);
   scanning = true;
   const std::string body = Golden("computers.json") + "\n";
   EXPECT_EQ(Api("GET /api/computers"),
             "HTTP/1.1 200 OK\r\nServer: zel\r\nDate: 22-Nov-26\r\nConnection: close\r\n"
             "Content-Type: application/json\r\nContent-Length: " +
                 std::to_string(body.size()) + "\r\n\r\n" + body);
+  EXPECT_EQ(before.find("laptop"), std::string::npos);
   EXPECT_TRUE(calls.empty());
 }
 
