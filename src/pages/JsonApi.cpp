@@ -4,7 +4,6 @@
 #include <chrono>
 #include <cstdio>
 #include <exception>
-#include <map>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <utility>
@@ -44,20 +43,27 @@ JsonApi::Answer Error(std::string_view status, const std::string& message, std::
   return {std::string(status), Text(Json{{"error", message}}), std::move(allow)};
 }
 
-Json NullIfEmpty(const std::string& text) { return text.empty() ? Json(nullptr) : Json(text); }
+Json NullIfEmpty(std::string text) { return text.empty() ? Json(nullptr) : Json(std::move(text)); }
 
-// "2026-11-22T09:15:00Z" for local times of this machine. The C library is asked once per local hour (a
-// zone changes its offset on the hour), since it may look at the zone's file on every call.
+// "2026-11-22T09:15:00Z" for local times of this machine. The C library's conversion from local time may
+// look at the zone's file on every call, so the offset of the time converted last is tried first: it is
+// right whenever the moment it gives shows as the same local time.
 class UtcTimes {
  public:
   Json operator()(const std::optional<DateTime>& local) {
     if (!local) return nullptr;
     using namespace std::chrono;
-    const local_time<hours> hour = floor<hours>(*local);
-    auto known = hours_.find(hour);
-    if (known == hours_.end()) known = hours_.emplace(hour, platform::TimeOfLocal(hour)).first;
-    if (known->second == static_cast<std::time_t>(-1)) return nullptr;
-    const sys_seconds t = sys_seconds{seconds{known->second}} + (*local - hour);
+    std::time_t at = -1;
+    if (offset_) {
+      const std::time_t guess = (local->time_since_epoch() - *offset_).count();
+      if (platform::LocalTimeAt(guess) == *local) at = guess;
+    }
+    if (at == -1) {
+      at = platform::TimeOfLocal(*local);
+      if (at == -1) return nullptr;
+      offset_ = local->time_since_epoch() - seconds{at};
+    }
+    const sys_seconds t{seconds{at}};
     const sys_days day = floor<days>(t);
     const year_month_day date{day};
     const hh_mm_ss<seconds> time{t - day};
@@ -70,7 +76,8 @@ class UtcTimes {
   }
 
  private:
-  std::map<std::chrono::local_time<std::chrono::hours>, std::time_t> hours_;
+  // Local time less UTC, as last found.
+  std::optional<std::chrono::seconds> offset_;
 };
 
 // The value of "computer" in a query as sent ("a=1&computer=pc%201"), decoded; none when absent.
@@ -221,23 +228,28 @@ JsonApi::Answer JsonApi::Computers() {
       table_->scanning == scanning) {
     return {std::string(kOk), table_->text, {}};
   }
-  const std::vector<Row> rows = computers_.Rows();
-  Json list = Json::array();
+  std::vector<Row> rows = computers_.Rows();
+  Json list(Json::value_t::array);
   list.get_ref<Json::array_t&>().reserve(rows.size());
   UtcTimes utc;
-  for (const Row& row : rows) {
-    Json seenBy = Json::array();
+  // Filled in place and moved, so each value is made once.
+  for (Row& row : rows) {
+    Json seenBy(Json::value_t::array);
     if (row.byXap) seenBy.push_back("xap");
     if (row.bySweep) seenBy.push_back("sweep");
-    list.push_back(Json{{"name", row.computer ? Json(row.name) : Json(nullptr)},
-                        {"ip", NullIfEmpty(row.ip)},
-                        {"mac", NullIfEmpty(row.mac)},
-                        {"lastSeen", utc(row.lastSeen)},
-                        {"seen", row.Seen()},
-                        {"seenBy", std::move(seenBy)}});
+    Json& entry = list.emplace_back(Json::value_t::object);
+    entry.get_ref<Json::object_t&>().reserve(6);
+    entry.emplace("name", row.computer ? Json(std::move(row.name)) : Json(nullptr));
+    entry.emplace("ip", NullIfEmpty(std::move(row.ip)));
+    entry.emplace("mac", NullIfEmpty(std::move(row.mac)));
+    entry.emplace("lastSeen", utc(row.lastSeen));
+    entry.emplace("seen", row.Seen());
+    entry.emplace("seenBy", std::move(seenBy));
   }
-  table_ = Table{computers_.Version(), now, scanning,
-                 Text(Json{{"computers", std::move(list)}, {"scanning", scanning}})};
+  Json doc(Json::value_t::object);
+  doc.emplace("computers", std::move(list));
+  doc.emplace("scanning", scanning);
+  table_ = Table{computers_.Version(), now, scanning, Text(doc)};
   return {std::string(kOk), table_->text, {}};
 }
 
