@@ -6,7 +6,7 @@
 #   scripts/deps.sh bench    what the benchmarks need
 set -euo pipefail
 
-build=(cmake ninja-build g++ pkg-config libasio-dev libsystemd-dev nettle-dev)
+build=(cmake ninja-build g++ pkg-config libasio-dev libsystemd-dev nettle-dev nlohmann-json3-dev)
 test=("${build[@]}" libgtest-dev libgmock-dev googletest clang clang-format libclang-rt-14-dev
       g++-mingw-w64-x86-64-posix mingw-w64-tools wine wine64 xvfb xauth
       iproute2 wakeonlan python3 util-linux chromium dbus-daemon dpkg-dev file systemd)
