@@ -18,49 +18,6 @@ readonly kComputers=50 kHttpPort=18019 kNginxPort=18080 kXapPort=23639 kBatchMs=
 
 # ---- inside the namespace
 
-ms() { # a wrk duration (850.00us, 12.34ms, 1.20s, 2.00m) in milliseconds
-  awk -v d="$1" 'BEGIN {
-    v = d + 0; u = d; sub(/^[0-9.]+/, "", u)
-    f = (u == "us") ? 0.001 : (u == "ms") ? 1 : (u == "s") ? 1000 : (u == "m") ? 60000 : -1
-    if (f < 0) print "-1"; else printf "%.2f", v * f }'
-}
-
-# Reads wrk --latency output; sets rps p50 p99 requests non2xx sockerr sockdetail.
-parse_wrk() {
-  local out="$1"
-  rps=$(awk '/^Requests\/sec:/ { printf "%.0f", $2 }' "$out")
-  p50=$(ms "$(awk '$1 == "50%" { print $2 }' "$out")")
-  p99=$(ms "$(awk '$1 == "99%" { print $2 }' "$out")")
-  requests=$(awk '/ requests in / { print $1 }' "$out")
-  non2xx=$(awk -F': *' '/Non-2xx or 3xx responses/ { print $2 }' "$out")
-  non2xx=${non2xx:-0}
-  sockdetail=$(awk '/Socket errors:/ { sub(/^ *Socket errors: */, ""); print }' "$out")
-  sockerr=$(awk '/Socket errors:/ { gsub(/,/, ""); print $4 + $6 + $8 + $10 }' "$out")
-  sockerr=${sockerr:-0}
-  # wrk keeps a connection for the next request unless the answer says "Connection: close"; ours does
-  # not (its header block is fixed), so the request after each answer meets our close and counts as a
-  # read error. Everything beyond one such read error per answer is a real error.
-  readerr=$(awk '/Socket errors:/ { gsub(/,/, ""); print $6 }' "$out")
-  readerr=${readerr:-0}
-  othererr=$((non2xx + sockerr - readerr + (readerr > requests ? readerr - requests : 0)))
-  sockdetail=${sockdetail:-none}
-  [ -n "$rps" ] || rps=0
-}
-
-# User plus system CPU time of a process so far, in clock ticks.
-cpu_ticks() { awk '{ sub(/^.*\) /, ""); print $12 + $13 }' "/proc/$1/stat" 2>/dev/null || echo 0; }
-
-rss_kb() { awk '/^VmRSS:/ { print $2 }' "/proc/$1/status" 2>/dev/null || echo 0; }
-
-wait_http() { # url seconds: true once the url answers
-  local deadline=$((SECONDS + $2))
-  while [ $SECONDS -lt $deadline ]; do
-    curl -s -o /dev/null --max-time 1 "$1" && return 0
-    sleep 0.1
-  done
-  return 1
-}
-
 inside() { # tavrel runs seconds
   local tavrel="$1" runs="$2" secs="$3"
   # Global, for the exit trap.
@@ -110,32 +67,7 @@ inside() { # tavrel runs seconds
     echo "http: the page shows $rows computers, expected $kComputers" >&2
     return 1
   fi
-  # master_process off: one process (like ours), and no switch to another user, so it also runs in a
-  # user namespace.
-  cat >"$work/nginx/nginx.conf" <<EOF
-daemon off;
-master_process off;
-worker_processes 1;
-pid $work/nginx/nginx.pid;
-error_log $work/nginx/error.log warn;
-events { worker_connections 1024; }
-http {
-  access_log off;
-  keepalive_timeout 0;
-  client_body_temp_path $work/nginx/tmp/body;
-  proxy_temp_path $work/nginx/tmp/proxy;
-  fastcgi_temp_path $work/nginx/tmp/fastcgi;
-  uwsgi_temp_path $work/nginx/tmp/uwsgi;
-  scgi_temp_path $work/nginx/tmp/scgi;
-  server {
-    listen 127.0.0.1:$kNginxPort;
-    root $work/nginx/www;
-    default_type text/html;
-  }
-}
-EOF
-  nginx -p "$work/nginx" -c "$work/nginx/nginx.conf" -e "$work/nginx/error.log" >"$work/nginx.out" 2>&1 &
-  npid=$!
+  start_nginx "$work/nginx" "$kNginxPort" text/html
   if ! wait_http "$ref" 10; then
     echo "http: nginx did not answer on $ref within 10 s" >&2
     cat "$work/nginx/error.log" >&2

@@ -2,7 +2,7 @@
 # What MQTT costs and how fast it tells, with Debian's mosquitto as the broker. Needs root.
 #  1. Presence: on the namespace testbed ("ScanInterval" 10, "AwayAfter" 12) one host is unplugged until
 #     its sensor turns OFF, then plugged back in: the time until its sensor is ON in the broker, beside the
-#     time until its light is green on the page (rounds, median and worst).
+#     time until GET /api/computers says it is seen (rounds, median and worst).
 #  2. Traffic: 50 hosts, "ScanInterval" 30: the first announcement, then messages and bytes (MQTT payloads,
 #     and TCP bytes both ways as the kernel counts them) over a quiet window, scaled to an hour.
 #  3. Memory: 1,000 computers in tavrel.ini (no sweep, a private namespace with loopback only): resident
@@ -61,15 +61,16 @@ bg ip netns exec "$ns" mosquitto_sub -p $port -F '%U %t %p' -t 'tavrel/+/+/seen'
 bg ip netns exec "$ns" "$tavrel" --home "$work/p" --no-tray >/dev/null 2>&1
 target=198.51.100.5 key=0200c6336405
 cat >"$work/round.py" <<'EOF'
-# Plugs the host in, then polls the page and the broker's messages until both show it: two delays in s.
-import re, subprocess, sys, time, urllib.request
+# Plugs the host in, then polls the JSON interface and the broker's messages until both show it: two
+# delays in s.
+import json, subprocess, sys, time, urllib.request
 testbed, prefix, ip, key, seen = sys.argv[1:6]
-def page_green():
+def api_seen():
     try:
-        html = urllib.request.urlopen("http://127.0.0.1:8019/wol", timeout=2).read().decode("latin-1")
-    except OSError:
+        doc = json.load(urllib.request.urlopen("http://127.0.0.1:8019/api/computers", timeout=2))
+    except (OSError, ValueError):
         return False
-    return any(">%s<" % ip in tr and "led-Green" in tr for tr in html.split("<tr>"))
+    return any(c["ip"] == ip and c["seen"] for c in doc["computers"])
 def broker_on(since):
     for line in open(seen):
         t, topic, payload = (line.split(" ") + ["", ""])[:3]
@@ -78,13 +79,13 @@ def broker_on(since):
     return False
 subprocess.run([testbed, "plug", "--prefix", prefix, ip], check=True)
 t0 = time.time()
-page = mqtt = None
-while (page is None or mqtt is None) and time.time() - t0 < 30:
+api = mqtt = None
+while (api is None or mqtt is None) and time.time() - t0 < 30:
     now = time.time()
-    if page is None and page_green(): page = now - t0
+    if api is None and api_seen(): api = now - t0
     if mqtt is None and broker_on(t0): mqtt = now - t0
     time.sleep(0.05)
-print("%.2f %.2f" % (mqtt if mqtt is not None else -1, page if page is not None else -1))
+print("%.2f %.2f" % (mqtt if mqtt is not None else -1, api if api is not None else -1))
 EOF
 state_of() { awk -v k="/$key/seen" 'index($2, k) { s = $3 } END { print s }' "$work/seen.txt"; }
 for ((i = 0; i < 60; i++)); do [ "$(state_of)" = ON ] && break; sleep 0.5; done
@@ -94,13 +95,13 @@ for ((r = 0; r < rounds; r++)); do
   for ((i = 0; i < 80; i++)); do [ "$(state_of)" = OFF ] && break; sleep 0.5; done
   sleep "$(python3 -c "import random; print(round(random.uniform(0, 10), 2))")"  # any phase of the sweep
   d=$(in_ns python3 "$work/round.py" "$testbed" "$prefix" $target $key "$work/seen.txt")
-  echo "round $((r + 1)): sensor ON in the broker after ${d% *} s, green on the page after ${d#* } s"
+  echo "round $((r + 1)): sensor ON in the broker after ${d% *} s, seen in /api/computers after ${d#* } s"
   delays+=("$d")
 done
 presence=$(printf '%s\n' "${delays[@]}" | python3 -c "
 import statistics, sys
 m, p = zip(*[map(float, l.split()) for l in sys.stdin])
-print('presence: broker median %.2f s worst %.2f s, page median %.2f s worst %.2f s' % (statistics.median(m), max(m), statistics.median(p), max(p)))")
+print('presence: broker median %.2f s worst %.2f s, /api/computers median %.2f s worst %.2f s' % (statistics.median(m), max(m), statistics.median(p), max(p)))")
 echo "$presence"
 for p in "${pids[@]}"; do kill "$p" 2>/dev/null; done
 wait 2>/dev/null

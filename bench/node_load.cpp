@@ -8,7 +8,8 @@
 //   stall:   an echo query every millisecond while SIGUSR1 starts a native sweep and its results are
 //            stored; the longest wait for an answer, beside the same before the sweep. Runs where a test
 //            network answers the sweep (bench/scan-store.sh builds one).
-// Usage: node_load stream|senders|stall TAVREL_BINARY [--runs N] [--subnets LIST --expect N]
+//   presence: the same while the node sweeps by itself every 10 s ("ScanInterval").
+// Usage: node_load stream|senders|stall|presence TAVREL_BINARY [--runs N] [--subnets LIST --expect N]
 // The scripts bench/stream.sh, bench/senders.sh and bench/scan-store.sh run it inside a network
 // namespace of their own.
 #include <arpa/inet.h>
@@ -446,10 +447,13 @@ int ArpEntries(const fs::path& ini) {
   return n;
 }
 
-StallRun RunStallOnce(const std::string& binary, const std::string& subnets, int expect) {
+// presence: no SIGUSR1; the node sweeps by itself every 10 s ("ScanInterval"), and the scan window is the
+// 25 s after the first sweep's results are in (two more sweeps).
+StallRun RunStallOnce(const std::string& binary, const std::string& subnets, int expect, bool presence) {
   StallRun run;
   int hub = UdpSocket();
-  Node node(binary, PortOf(hub), "[WOL]\nSubnet=" + subnets + "\nScanMethod=native\n");
+  Node node(binary, PortOf(hub),
+            "[WOL]\nSubnet=" + subnets + "\nScanMethod=native\n" + (presence ? "ScanInterval=10\n" : ""));
   const std::string source = "bench.stall.prober";
   int port = ReadyPort(hub, source);
   if (port == 0) {
@@ -482,9 +486,16 @@ StallRun RunStallOnce(const std::string& binary, const std::string& subnets, int
     }
   });
 
-  const auto signalAt = start + milliseconds(1000);
+  const auto quietEnd = start + milliseconds(1000);
+  auto signalAt = quietEnd;
   std::this_thread::sleep_until(signalAt);
-  kill(node.Pid(), SIGUSR1);
+  if (presence) {
+    while (ArpEntries(node.Ini()) < expect && Clock::now() < signalAt + std::chrono::seconds(10))
+      std::this_thread::sleep_for(milliseconds(5));
+    signalAt = Clock::now();
+  } else {
+    kill(node.Pid(), SIGUSR1);
+  }
   // The results count as stored once every expected entry is in tavrel.ini; probing goes on until the
   // file has not changed for a second (later subnets may write the same entries again).
   Clock::time_point stored{}, firstWrite{}, lastWrite{};
@@ -501,7 +512,8 @@ StallRun RunStallOnce(const std::string& binary, const std::string& subnets, int
       run.entries = ArpEntries(node.Ini());
       if (run.entries >= expect) stored = now;
     }
-    if (stored != Clock::time_point{} && now - std::max(stored, lastWrite) > milliseconds(1000)) break;
+    if (!presence && stored != Clock::time_point{} && now - std::max(stored, lastWrite) > milliseconds(1000))
+      break;
     std::this_thread::sleep_for(milliseconds(5));
   }
   stopProbe = true;
@@ -532,7 +544,7 @@ StallRun RunStallOnce(const std::string& binary, const std::string& subnets, int
     std::sort(replies.begin(), replies.end());
     for (size_t k = 1; k < replies.size(); ++k) gap = std::max(gap, Ms(replies[k] - replies[k - 1]));
   };
-  window(start + milliseconds(200), signalAt, run.baseLatencyMs, run.baseGapMs, nullptr, nullptr);
+  window(start + milliseconds(200), quietEnd, run.baseLatencyMs, run.baseGapMs, nullptr, nullptr);
   window(signalAt, Clock::now(), run.latencyMs, run.gapMs, &run.lost, &run.longestFromMs);
   kill(node.Pid(), SIGTERM);
   node.WaitExit(milliseconds(5000));
@@ -540,11 +552,11 @@ StallRun RunStallOnce(const std::string& binary, const std::string& subnets, int
   return run;
 }
 
-void Stall(const std::string& binary, int runs, const std::string& subnets, int expect) {
+void Stall(const std::string& binary, int runs, const std::string& subnets, int expect, bool presence) {
   StallRun worst;
   bool allStored = true;
   for (int r = 0; r < runs; ++r) {
-    StallRun s = RunStallOnce(binary, subnets, expect);
+    StallRun s = RunStallOnce(binary, subnets, expect, presence);
     std::printf(
         "  run %d: after SIGUSR1 tavrel.ini changed from %.0f to %.0f ms, all %d/%d entries in at %.0f ms; "
         "longest wait for an echo answer %.1f ms, for a query sent at %.0f ms (longest gap between answers "
@@ -559,6 +571,15 @@ void Stall(const std::string& binary, int runs, const std::string& subnets, int 
     worst.storedMs = std::max(worst.storedMs, s.storedMs);
     worst.lastWriteMs = std::max(worst.lastWriteMs, s.lastWriteMs);
     worst.lost += s.lost;
+  }
+  if (presence) {
+    std::printf(
+        "scan-store presence: sweeps every 10 s of four /24s (Subnet=%s, worst of %d runs, 25 s each): an "
+        "echo "
+        "query every 1 ms waited at most %.0f ms for its answer (longest gap between answers %.0f ms, %d "
+        "unanswered) against %.0f ms in the first second; goal: no wait much over the Query LAN sweep's\n",
+        subnets.c_str(), runs, worst.latencyMs, worst.gapMs, worst.lost, worst.baseLatencyMs);
+    return;
   }
   std::printf(
       "scan-store: four /24 sweeps stored (Subnet=%s, worst of %d runs): an echo query every 1 ms waited at "
@@ -575,9 +596,9 @@ void Stall(const std::string& binary, int runs, const std::string& subnets, int 
 
 int main(int argc, char** argv) {
   if (argc < 3) {
-    std::fprintf(
-        stderr,
-        "usage: node_load stream|senders|stall TAVREL_BINARY [--runs N] [--subnets LIST --expect N]\n");
+    std::fprintf(stderr,
+                 "usage: node_load stream|senders|stall|presence TAVREL_BINARY [--runs N] [--subnets LIST "
+                 "--expect N]\n");
     return 2;
   }
   const std::string what = argv[1], binary = argv[2];
@@ -595,8 +616,8 @@ int main(int argc, char** argv) {
     Stream(binary, runs);
   } else if (what == "senders") {
     Senders(binary, runs);
-  } else if (what == "stall" && !subnets.empty() && expect > 0) {
-    Stall(binary, runs, subnets, expect);
+  } else if ((what == "stall" || what == "presence") && !subnets.empty() && expect > 0) {
+    Stall(binary, runs, subnets, expect, what == "presence");
   } else {
     std::fprintf(stderr, "node_load: unknown measurement or missing --subnets/--expect\n");
     return 2;

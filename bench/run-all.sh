@@ -17,6 +17,7 @@ echo "== the node under load, each in a network namespace of its own"
 bash "$root/bench/stream.sh" "$build/tavrel"
 bash "$root/bench/senders.sh" "$build/tavrel"
 bash "$root/bench/http.sh" "$build/tavrel"
+bash "$root/bench/api.sh" "$build/tavrel"
 if [ "$(id -u)" -eq 0 ]; then
   bash "$root/bench/scan-store.sh" "$build/tavrel"
 else

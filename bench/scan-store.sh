@@ -2,9 +2,9 @@
 # The loop while a sweep's results are stored: the node sweeps four /24s (198.51.100, 203.0.113, each
 # listed twice: 4 x 253 answers) started by SIGUSR1, with ScanMethod=native and its own ARP requests,
 # while an echo query every millisecond records the longest wait for an answer, beside the same before
-# the sweep. Needs root: the node runs in a scanner namespace wired by a veth pair to a second namespace
-# that holds every host address of both test ranges, so its kernel answers every ARP request. Nothing
-# else is created or touched.
+# the sweep; then the same while the node sweeps by itself every 10 s ("ScanInterval"). Needs root: the
+# node runs in a scanner namespace wired by a veth pair to a second namespace that holds every host
+# address of both test ranges, so its kernel answers every ARP request. Nothing else is created or touched.
 #   usage: bench/scan-store.sh [PATH/TO/tavrel] [--runs N]   (default build/bench/tavrel, 1 run)
 # The load program is bench/node_load beside the binary's build (or $NODE_LOAD).
 set -uo pipefail
@@ -36,5 +36,7 @@ for ns in "$scan" "$lan"; do
 done
 set +e
 
-ip netns exec "$scan" "$load" stall "$tavrel" --runs "$runs" \
-  --subnets 198.51.100,203.0.113,198.51.100,203.0.113 --expect 506
+for what in stall presence; do
+  ip netns exec "$scan" "$load" $what "$tavrel" --runs "$runs" \
+    --subnets 198.51.100,203.0.113,198.51.100,203.0.113 --expect 506
+done

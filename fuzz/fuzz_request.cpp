@@ -1,11 +1,18 @@
 // Parses any bytes as a received HTTP packet, the bytes after each NUL as further body packets joined to
 // it, and asks every reader about what it found: no crash, no hang, and answers that hold for every parse.
+// The JSON interface then answers the request as if its path were under "/api/".
 #include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <random>
 #include <string>
 #include <string_view>
 
 #include "FuzzSupport.h"
+#include "core/Clock.h"
 #include "http/Request.h"
+#include "pages/JsonApi.h"
 
 namespace {
 
@@ -23,6 +30,45 @@ void CheckCollection(const tavrel::Request::Collection& col, bool form, const ta
     Check(e.key == e.value.Key);
     Check((form ? r.Form(e.key) : r.QueryString(e.key)) == e.value.Value);
   }
+}
+
+// A small table (two computers, one of them with a MAC, and an address with a MAC only) whose actions
+// count their calls.
+struct Api {
+  Api() {
+    std::filesystem::create_directories(folder);
+    tavrel::ComputerRegistry::Edits edits;
+    computers.Rename("", "pc1", "198.51.100.10", edits);
+    computers.Rename("", "nas", "198.51.100.12", edits);
+    computers.MergeArp({{"198.51.100.10", "00-11-22-33-44-55"}, {"203.0.113.7", "AA-BB-CC-DD-EE-FF"}});
+    tavrel::PageActions actions;
+    actions.SendWOL = [this](const std::string&, const std::string&) { return ++calls, true; };
+    actions.SendComputerControl = [this](const std::string&, const std::string&) { ++calls; };
+    actions.QueryLAN = [this] { ++calls; };
+    api = std::make_unique<tavrel::JsonApi>(computers, clock, actions);
+  }
+  ~Api() { std::filesystem::remove_all(folder); }
+
+  std::filesystem::path folder = std::filesystem::temp_directory_path() /
+                                 ("tavrel-fuzz-request-" + std::to_string(std::random_device()()));
+  tavrel::fuzz::CountingReporter reporter;
+  tavrel::Hs hs{folder, reporter};
+  tavrel::ManualClock clock{tavrel::MakeDateTime(2026, 11, 22, 10, 30)};
+  tavrel::ComputerRegistry computers{hs, clock};
+  int calls = 0;
+  std::unique_ptr<tavrel::JsonApi> api;
+};
+
+// One JSON document and "\n" with a status of the interface; an action runs only when accepted.
+void CheckApi(const tavrel::Request& r) {
+  static Api api;
+  const int before = api.calls;
+  const tavrel::JsonApi::Answer answer = api.api->Handle(r);
+  const std::string_view status = answer.status;
+  Check(status == "200 OK" || status == "202 Accepted" || status == "400 Bad Request" ||
+        status == "404 Not Found" || status == "405 Method Not Allowed" || status == "409 Conflict");
+  Check(!answer.body.empty() && answer.body.back() == '\n' && nlohmann::json::accept(answer.body));
+  Check(api.calls == before + (status == "202 Accepted" ? 1 : 0));
 }
 
 }  // namespace
@@ -61,5 +107,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string content = tavrel::Request::GetContent(packet);
   Check(content.size() <= packet.size() && packet.substr(packet.size() - content.size()) == content);
   Check(tavrel::Request::Decode(packet).size() <= packet.size());
+  CheckApi(r);
   return 0;
 }

@@ -12,7 +12,7 @@ test=("${build[@]}" libgtest-dev libgmock-dev googletest clang clang-format libc
       iproute2 wakeonlan python3 util-linux chromium dbus-daemon dpkg-dev file systemd
       mosquitto mosquitto-clients)
 package=("${build[@]}" dpkg-dev file g++-mingw-w64-x86-64-posix mingw-w64-tools googletest)
-bench=("${test[@]}" libbenchmark-dev arp-scan nmap wrk hyperfine nginx-light curl)
+bench=("${test[@]}" libbenchmark-dev arp-scan nmap wrk hyperfine nginx-light curl iputils-ping)
 
 case "${1:-test}" in
   build) want=("${build[@]}") ;;

@@ -101,7 +101,12 @@ std::string UsageText() {
          "Config/tavrel.ini), for this machine, the private address ranges and this machine's own\n"
          "networks (\"HTTPAllow\" and \"HTTPHosts\" change that). SIGINT or SIGTERM exits (the\n"
          "tray menu's \"Exit\"), on Windows also Ctrl+C, logoff and shutdown; on Linux SIGUSR1 starts a\n"
-         "LAN scan (the tray menu's \"Query LAN\").\n";
+         "LAN scan (the tray menu's \"Query LAN\").\n"
+         "Scripts and home-automation hubs: the JSON interface under /api/ on the page's port\n"
+         "(GET /api/computers; POST /api/wake, /api/reboot, /api/shutdown with ?computer=NAME, IP or\n"
+         "MAC; POST /api/scan). \"ScanInterval\" (seconds) in section WOL sweeps the LAN by itself so\n"
+         "the lights show which computers are up; \"MQTTBroker\" in section MQTT announces every\n"
+         "computer to Home Assistant over MQTT (Linux).\n";
 }
 
 std::filesystem::path ResolveHome(const CommandLine& cmd) {

@@ -12,6 +12,7 @@
 #include "lan/ComputerActions.h"
 #include "lan/LanScan.h"
 #include "mqtt/Mqtt.h"
+#include "pages/JsonApi.h"
 #include "pages/RemoteASP.h"
 #include "pages/StaticFiles.h"
 #include "platform/Host.h"
@@ -114,10 +115,12 @@ void Tavrel::StartServer() {
     serverLog_ = std::make_unique<ServerLogFile>(home_ / "Data" / "tavrel" / "server.log", clock_);
   // A user with the framework's script pages switches them on with ScriptPages=1.
   scripts_ = std::make_unique<HTMLIncludes>(home_, hs_, log_);
+  PageActions actions =
+      PageActions::ForLan(*lanScan_, xapGlobal_, log_, [this] { return transport_->LocalIP(); });
+  // The JSON interface acts through the same actions as the page's buttons.
+  api_ = std::make_unique<JsonApi>(computers_, clock_, actions);
   pages_ = std::make_unique<RemoteASP>(
-      PageContext{computers_, hs_, clock_, log_,
-                  PageActions::ForLan(*lanScan_, xapGlobal_, log_, [this] { return transport_->LocalIP(); }),
-                  scripts_.get(), wol.scriptPages});
+      PageContext{computers_, hs_, clock_, log_, std::move(actions), scripts_.get(), wol.scriptPages});
   // Who may use the page is looked up for every request: a user may change it while the program runs.
   guard_ = std::make_unique<Guard>(Guard::Context{
       clock_, log_,
@@ -133,7 +136,7 @@ void Tavrel::StartServer() {
   settings.hsAddress = settings.hsNamed ? wol.hsAddress : "127.0.0.1";
   settings.hsWebPort = wol.hsWebPort;
   server_ = std::make_unique<TCPServer>(io_, timers_, clock_, log_, home_ / "HTML", settings,
-                                        serverLog_.get(), pages_.get(), guard_.get());
+                                        serverLog_.get(), pages_.get(), guard_.get(), api_.get());
   server_->Form_Load();
 }
 

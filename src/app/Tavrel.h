@@ -22,6 +22,7 @@ class XapTransport;
 class XapHandler;
 class LanScan;
 class HTMLIncludes;
+class JsonApi;
 class RemoteASP;
 class TCPServer;
 class Guard;
@@ -104,6 +105,7 @@ class Tavrel final : public platform::TrayOwner {
   // The script page host; it creates nothing unless "ScriptPages" is on and a page is requested.
   std::unique_ptr<HTMLIncludes> scripts_;
   std::unique_ptr<RemoteASP> pages_;
+  std::unique_ptr<JsonApi> api_;
   std::unique_ptr<Guard> guard_;
   std::unique_ptr<TCPServer> server_;
   std::unique_ptr<platform::Tray> tray_;

@@ -23,7 +23,9 @@ void Request::ParsePage(std::string_view text) {
   // The target ends one character before "HTTP" (its blank); with nothing between there is no target
   // to cut, and parsing ends here.
   if (version < blank + 2) return;
-  page_ = Decode(text.substr(blank + 1, version - blank - 2));
+  const std::string_view target = text.substr(blank + 1, version - blank - 2);
+  if (const size_t q = target.find('?'); q != std::string_view::npos) rawQuery_ = target.substr(q + 1);
+  page_ = Decode(target);
 
   // The whole target is decoded first, so an encoded "?" splits it too.
   if (const size_t q = page_.find('?'); q != std::string::npos) {
@@ -36,6 +38,7 @@ void Request::ParsePage(std::string_view text) {
   const size_t end = text.find(kBlankLine, version);
   if (end != std::string_view::npos) {
     header_ = std::string(text.substr(version, end - version));
+    body_ = text.substr(end + kBlankLine.size());
     // Only a body of three bytes or more counts as one.
     if (text.size() > end + 6) {
       if (method_ == "POST") method_ = "POSTx";
@@ -53,7 +56,10 @@ void Request::ParsePage(std::string_view text) {
   }
 }
 
-void Request::AddPostData(std::string_view text) { ParseKeyValues(text, formCol_, true); }
+void Request::AddPostData(std::string_view text) {
+  body_ += text;
+  ParseKeyValues(text, formCol_, true);
+}
 
 void Request::ParseKeyValues(std::string_view text, Collection& into, bool formValues) const {
   for (const std::string& part : Split(text, "&")) {

@@ -29,7 +29,8 @@ class Request {
   // Parses one request packet. A packet without a blank, or without "HTTP" after it, leaves the fields
   // that follow empty. The method becomes "POSTx" when a POST carries its body in this packet.
   void ParsePage(std::string_view text);
-  // Adds the pairs of a further body packet to FormCol (Payload stays as ParsePage left it).
+  // Adds the pairs of a further body packet to FormCol and its bytes to Body (Payload stays as ParsePage
+  // left it).
   void AddPostData(std::string_view text);
 
   // "http_user_agent" (any case): the User-Agent header; "remote_addr": the Host header before its first
@@ -60,10 +61,15 @@ class Request {
   const std::string& page() const { return page_; }
   // The decoded text after the first "?" of the target.
   const std::string& Query() const { return query_; }
+  // The text after the first "?" of the target as it was sent, nothing decoded.
+  const std::string& RawQuery() const { return rawQuery_; }
   // From the protocol version up to, not including, the blank line.
   const std::string& header() const { return header_; }
   // The body found in the first packet, with every CR LF removed.
   const std::string& Payload() const { return payload_; }
+  // The body byte for byte: everything after the blank line of the first packet, then every body packet
+  // joined to it.
+  const std::string& Body() const { return body_; }
   const std::string& remoteip() const { return remoteip_; }
   void SetRemoteIp(std::string ip) { remoteip_ = std::move(ip); }
 
@@ -77,7 +83,7 @@ class Request {
   void Debug(std::initializer_list<std::string_view> pieces) const;
 
   ServerLog* log_;
-  std::string method_, page_, query_, header_, payload_, remoteip_;
+  std::string method_, page_, query_, rawQuery_, header_, payload_, body_, remoteip_;
   Collection queryStringCol_{true};
   Collection formCol_{true};
   OrderedDict<std::string> headerCol_{true};

@@ -187,12 +187,21 @@ void Response::RedirectToHS(std::string_view address, const Request& request) {
 }
 
 void Response::SendStatus(std::string_view status, std::string_view text, std::string_view extraHeader) {
+  SendClosing(status, "text/plain", text, extraHeader);
+}
+
+void Response::SendJson(std::string_view status, std::string_view json, std::string_view extraHeader) {
+  SendClosing(status, "application/json", json, extraHeader);
+}
+
+void Response::SendClosing(std::string_view status, std::string_view contentType, std::string_view body,
+                           std::string_view extraHeader) {
   if (AlreadyAnswered(status)) return;
   try {
     FastString out = Header("HTTP/1.1 " + std::string(status), "Date: ",
-                            {extraHeader, "Connection: close", "Content-Type: text/plain",
-                             "Content-Length: " + std::to_string(text.size())});
-    out.Append(text);
+                            {extraHeader, "Connection: close", "Content-Type: " + std::string(contentType),
+                             "Content-Length: " + std::to_string(body.size())});
+    out.Append(body);
     if (SendText(std::move(out).ToString()))
       Debug({">>>>>>>>>>> ", std::string(status), " to socket ", std::to_string(index())});
   } catch (const std::exception& e) {

@@ -112,6 +112,8 @@ class Response {
   // A short plain-text answer of its own status ("403 Forbidden"), with an extra header line if given,
   // that closes the connection: refusals and the web root's jump to the page.
   void SendStatus(std::string_view status, std::string_view text, std::string_view extraHeader = {});
+  // The same for a JSON document ("application/json"): the answers of the JSON interface.
+  void SendJson(std::string_view status, std::string_view json, std::string_view extraHeader = {});
 
   static ContentType GetContentType(std::string_view path);
   // A page as the server's routes name its file: lower case, "\" between folders.
@@ -122,6 +124,9 @@ class Response {
   // non-empty fields in order, and the empty line that ends it.
   FastString Header(std::string_view statusLine, std::string_view dateField,
                     std::initializer_list<std::string_view> fields) const;
+  // A short answer of its own status and content type that closes the connection.
+  void SendClosing(std::string_view status, std::string_view contentType, std::string_view body,
+                   std::string_view extraHeader);
   // True (with a debug line) when the request already has its answer: one answer per request.
   bool AlreadyAnswered(std::string_view what) const;
   // Tag "0", then the answer to an open connection; false (nothing sent) when it is not open.

@@ -110,9 +110,9 @@ class TCPServer::TcpSlot final : public ConnectionSlot, public std::enable_share
 
 TCPServer::TCPServer(asio::io_context& io, TimerFactory& timers, const Clock& clock, Reporter& reporter,
                      std::filesystem::path htmlFolder, Settings settings, ServerLog* log, PageHandler* pages,
-                     Guard* guard)
+                     Guard* guard, ApiHandler* api)
     : TCPServerModule(Context{std::move(htmlFolder), clock, reporter, timers, log, settings.hsAddress,
-                              settings.hsWebPort, pages, settings.hsNamed, guard}),
+                              settings.hsWebPort, pages, settings.hsNamed, guard, api}),
       io_(io),
       settings_(std::move(settings)),
       acceptRetry_(timers.Create()) {}

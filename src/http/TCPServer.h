@@ -32,7 +32,7 @@ class TCPServer final : public TCPServerModule {
   // log is the server log stream under --debug, else null; pages may also be set later.
   TCPServer(asio::io_context& io, TimerFactory& timers, const Clock& clock, Reporter& reporter,
             std::filesystem::path htmlFolder, Settings settings, ServerLog* log, PageHandler* pages,
-            Guard* guard = nullptr);
+            Guard* guard = nullptr, ApiHandler* api = nullptr);
   ~TCPServer() override;
 
   // Starts listening on the port setting; false (reported, unless the setting asks for no listener)

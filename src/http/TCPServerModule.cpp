@@ -157,7 +157,9 @@ void TCPServerModule::Route(Request& request, ConnectionSlot& slot) {
   WriteServerLog({"Popped socket ", std::to_string(slot.Index()), " for page ", page});
   Response response(slot, {ctx_.htmlFolder, ctx_.clock, ctx_.reporter, ctx_.log});
   if (ctx_.guard && !ctx_.guard->Admit(request, response)) return;
-  if (IsImage(ext)) {
+  if (ctx_.api && page.starts_with("\\api\\")) {
+    ctx_.api->ServeApi(request, response);
+  } else if (IsImage(ext)) {
     response.SendBinaryFile(page);
   } else if (ext == ".css") {
     response.SendTextFile(page);

@@ -28,10 +28,18 @@ class PageHandler {
   virtual std::string RemotePage(Request& request, Response& response) = 0;
 };
 
+// The JSON interface under "/api/", above the HTTP layer as the pages are.
+class ApiHandler {
+ public:
+  virtual ~ApiHandler() = default;
+  // Answers one request for a path under "/api/" through response.
+  virtual void ServeApi(const Request& request, Response& response) = 0;
+};
+
 // The web server's rules, without a socket: the connection slots with their growth rule and round-robin
 // cursor, the request queue with its 50 ms ServerTimer, and ProcessRequestQueue, which routes each
-// queued packet to a static file, the program's pages or the HomeSeer redirect. The sockets around it
-// live in TCPServer.
+// queued packet to a static file, the program's pages, the JSON interface or the HomeSeer redirect. The
+// sockets around it live in TCPServer.
 class TCPServerModule : private ConnectionSlot::Owner {
  public:
   // Socket 0 is the listener; connections get 1 to kMaxSocketIndex.
@@ -56,6 +64,8 @@ class TCPServerModule : private ConnectionSlot::Owner {
     bool hsNamed = true;
     // Decides who is served; without one, everyone is.
     Guard* guard = nullptr;
+    // Paths under "/api/"; without it they take the route of any other path.
+    ApiHandler* api = nullptr;
   };
 
   explicit TCPServerModule(Context ctx);

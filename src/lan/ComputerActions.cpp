@@ -11,7 +11,6 @@ namespace tavrel {
 
 namespace {
 
-constexpr unsigned short kWolPort = 7;
 // Input echoed into a report is cut here, so a hostile form value cannot flood the event log.
 constexpr size_t kEchoLimit = 64;
 

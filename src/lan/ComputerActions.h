@@ -8,6 +8,9 @@
 
 namespace tavrel {
 
+// The UDP port the magic packet goes to.
+inline constexpr unsigned short kWolPort = 7;
+
 // The Wake-on-LAN magic packet for a MAC of exactly 12 hexadecimal digits (either case): six 0xFF bytes,
 // then the six MAC bytes sixteen times (102 bytes). Throws std::invalid_argument for any other text.
 std::vector<unsigned char> MagicPacket(const std::string& mac12);

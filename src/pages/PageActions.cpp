@@ -8,7 +8,7 @@ PageActions PageActions::ForLan(LanScan& scan, XapGlobal& xap, Reporter& reporte
                                 std::function<std::string()> localIP) {
   PageActions actions;
   actions.SendWOL = [&reporter](const std::string& mac, const std::string& ip) {
-    tavrel::SendWOL(mac, ip, reporter);
+    return tavrel::SendWOL(mac, ip, reporter);
   };
   actions.SendComputerControl = [&xap](const std::string& computer, const std::string& action) {
     tavrel::SendComputerControl(computer, action, xap);

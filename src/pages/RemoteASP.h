@@ -25,7 +25,8 @@ class XapGlobal;
 // What the page does to the network, handed in so the page runs without sockets. An empty function
 // does nothing (ProcessExists: no scan running; LocalIP: "").
 struct PageActions {
-  std::function<void(const std::string& mac, const std::string& ip)> SendWOL;
+  // True when the magic packet went out.
+  std::function<bool(const std::string& mac, const std::string& ip)> SendWOL;
   std::function<void(const std::string& computer, const std::string& action)> SendComputerControl;
   std::function<void()> QueryLAN;
   // True while a LAN scan runs; the page then offers no "Query LAN" button.

@@ -29,6 +29,7 @@ void ComputerRegistry::Clear() {
   lastSeen_.RemoveAll();
   arp_.RemoveAll();
   answered_.RemoveAll();
+  ++version_;
 }
 
 void ComputerRegistry::Load(const std::string& ownName, const std::string& ownIp, Reporter& reporter) {

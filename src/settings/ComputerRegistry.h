@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <optional>
 #include <string>
@@ -67,8 +68,14 @@ class ComputerRegistry {
     bool computersChanged = false;
   };
 
-  void SetPresenceRule(PresenceRule rule) { rule_ = rule; }
+  void SetPresenceRule(PresenceRule rule) {
+    rule_ = rule;
+    ++version_;
+  }
   const PresenceRule& Presence() const { return rule_; }
+  // Counts the changes of the table, of what was heard or answered and of the rule: the rows differ
+  // from those of an earlier count only by the time that has passed.
+  uint64_t Version() const { return version_; }
   // Called after every change of the table or of what was heard or answered, on the loop. One watcher.
   void OnChange(std::function<void()> changed) { changed_ = std::move(changed); }
 
@@ -107,7 +114,8 @@ class ComputerRegistry {
   std::vector<Row> Rows() const;
 
  private:
-  void Changed() const {
+  void Changed() {
+    ++version_;
     if (changed_) changed_();
   }
 
@@ -122,6 +130,7 @@ class ComputerRegistry {
   // IP address -> when it last answered a sweep (memory only)
   OrderedDict<DateTime> answered_{false};
   PresenceRule rule_;
+  uint64_t version_ = 0;
   std::function<void()> changed_;
 };
 

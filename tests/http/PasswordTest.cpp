@@ -16,9 +16,7 @@ constexpr std::string_view kSecret =
 TEST(PasswordTest, StoredHashVerifiesOnlyItsPasswordAndMalformedTextIsRefused) {
   EXPECT_TRUE(VerifyPassword(kSecret, "secret"));
   const std::string made = MakePasswordHash("s\xe9 cr$t=", 1000);
-  ASSERT_EQ(made.size(), kSecret.size()) << made;
-  EXPECT_EQ(made.substr(0, 19), "pbkdf2-sha256$1000$");
-  EXPECT_EQ(made.find_first_not_of("0123456789abcdef$", 19), std::string::npos) << made;
+  EXPECT_TRUE(IsPasswordHash(made) && made.starts_with("pbkdf2-sha256$1000$")) << made;
   EXPECT_NE(made, MakePasswordHash("s\xe9 cr$t=", 1000));  // a fresh salt each time
   EXPECT_TRUE(VerifyPassword(made, "s\xe9 cr$t="));
   for (std::string_view other : {"", "Secret", "secret ", "secre"})

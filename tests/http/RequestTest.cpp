@@ -16,7 +16,7 @@ std::string Pairs(const Request::Collection& col) {
 // The parser's odd rules, which real clients seldom reach. How a row is read:
 //   P  ParsePage: method|page|query|header|payload
 //   V  ParsePage: header names, then the server variables User_Agent|REMOTE_ADDR|HOST|x|body
-//   F  ParsePage, further body packets after each "\n~": query pairs|form pairs
+//   F  ParsePage, further body packets after each "\n~": query pairs|form pairs|raw query|body
 //   D  Decode     C  GetContent
 TEST(RequestTest, ParsingDecodingAndContentRules) {
   const struct {
@@ -43,11 +43,13 @@ TEST(RequestTest, ParsingDecodingAndContentRules) {
        "User-Agent,Host,Empty|UA 1|example.org|example.org:8019||"},
       {'V', "GET / HTTP/1.1\r\nHost: example.org\r\n\r\n", "Host||example.org|example.org||"},
       // Keys keep the first of any case. Form values are decoded whole; query values, decoded with the
-      // target already, only get "+" and %3A %5B %5D %5C, so nothing is decoded twice.
+      // target already, only get "+" and %3A %5B %5D %5C, so nothing is decoded twice. The raw query and
+      // the body keep every byte as sent.
       {'F',
        "POST /wol?A=1&a=2&c&=e&q=%2541 "
        "HTTP/1.1\r\n\r\nk%3A=x+y%3A%5B%5D%5C%41%27%e9%zz%4&k%3a=no\n~K%3A=late&z=1=2",
-       "[A=1][c=][=e][q=%41]|[k%3A=x y:[]\\A'\xe9%zz%4][z=1]"},
+       "[A=1][c=][=e][q=%41]|[k%3A=x y:[]\\A'\xe9%zz%4][z=1]|A=1&a=2&c&=e&q=%2541|"
+       "k%3A=x+y%3A%5B%5D%5C%41%27%e9%zz%4&k%3a=noK%3A=late&z=1=2"},
       {'D', "a+b%41%42", "a bAB"},
       {'D', "%3A|%3a|%2F", "'|/|/"},    // lower-case "a" counts as -1: 16 * 3 - 1 = 47
       {'D', "%0D%0A%00%zz%", "     "},  // control codes and negative codes become blanks
@@ -76,7 +78,8 @@ TEST(RequestTest, ParsingDecodingAndContentRules) {
         for (const char* name : {"HTTP_User_Agent", "REMOTE_ADDR", "HOST", "x", "body"})
           out += "|" + r.ServerVariables(name);
       }
-      if (c.how == 'F') out = Pairs(r.QueryStringCol()) + "|" + Pairs(r.FormCol());
+      if (c.how == 'F')
+        out = Pairs(r.QueryStringCol()) + "|" + Pairs(r.FormCol()) + "|" + r.RawQuery() + "|" + r.Body();
     }
     EXPECT_EQ(out, c.out) << c.how << " " << c.in;
   }

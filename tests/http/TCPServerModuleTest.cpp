@@ -48,10 +48,6 @@ class FakeSlot final : public ConnectionSlot {
     sent += written.back().substr(0, n);
     Wrote(std::min(n, written.back().size()));
   }
-  // Completes every write, those started on the way included.
-  void Flush() {
-    while (pending > 0 && State() == kConnected) Take();
-  }
   Lines written;
   std::string sent;
   int pending = 0;
@@ -165,7 +161,7 @@ TEST_F(ServerModuleTest, RequestTimeLimitAndSendTimeOutCountedFromLastProgress) 
     ASSERT_EQ(slow.State(), ConnectionSink::kConnected) << i;
     slow.Take(100);
   }
-  slow.Flush();
+  while (slow.pending > 0) slow.Take();        // every write, those started on the way included
   EXPECT_EQ(slow.sent, slow.written.front());  // every byte once, in order
   EXPECT_TRUE(slow.sent.ends_with("\r\n\r\n" + pages.answer));
   EXPECT_EQ(server->SocketsOpen(), 0);
@@ -193,12 +189,8 @@ TEST_F(ServerModuleTest, ClientThatTakesNothingIsClosedAfterTheTimeOuts) {
 }
 
 // Only the port setting here: what the listener serves is tested end to end over real sockets.
-TEST(ListenerTest, PortSettingDecidesWhetherAndWhereItListens) {
+TEST_F(ServerModuleTest, PortSettingDecidesWhetherAndWhereTheListenerListens) {
   asio::io_context io;
-  test::ManualTimers timers;
-  ManualClock clock{MakeDateTime(2026, 11, 22, 10, 30)};
-  test::RecordingReporter reporter;
-  test::TempDir home;
   const int port = asio::ip::tcp::acceptor(io, {asio::ip::address_v4::loopback(), 0}).local_endpoint().port();
   const std::tuple<std::string, int, bool> cases[] = {
       {"abc", 0, false}, {"70000", 0, true}, {"\"" + std::to_string(port) + "\"", port, false}};

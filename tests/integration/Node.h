@@ -3,9 +3,6 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
-#include <linux/if_packet.h>
-#include <net/ethernet.h>
-#include <net/if.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sched.h>
@@ -117,53 +114,6 @@ class Hub {
 
  private:
   int port_ = 0, fd_;
-};
-
-// The UDP datagrams on loopback to one port, read off the wire (needs root): what a node that holds the
-// xAP port sends there reaches only that node.
-class Wire {
- public:
-  explicit Wire(int port) : port_(port), fd_(socket(AF_PACKET, SOCK_DGRAM | SOCK_CLOEXEC, htons(ETH_P_IP))) {
-    sockaddr_ll at{};
-    at.sll_family = AF_PACKET;
-    at.sll_protocol = htons(ETH_P_IP);
-    at.sll_ifindex = static_cast<int>(if_nametoindex("lo"));
-    if (fd_ < 0 || bind(fd_, reinterpret_cast<sockaddr*>(&at), sizeof at) != 0)
-      throw std::runtime_error("packet socket on lo");
-  }
-  ~Wire() { close(fd_); }
-
-  // Datagrams to the port until one satisfies pred (returned), skipping the others; "" after the deadline.
-  template <class Pred>
-  std::string ReceiveUntil(Pred pred, std::chrono::milliseconds deadline) {
-    std::string buf(65536, '\0');
-    for (auto end = steady_clock::now() + deadline; steady_clock::now() < end;) {
-      pollfd p{fd_, POLLIN, 0};
-      sockaddr_ll from{};
-      socklen_t len = sizeof from;
-      const ssize_t n = poll(&p, 1, 100) == 1 ? recvfrom(fd_, buf.data(), buf.size(), 0,
-                                                         reinterpret_cast<sockaddr*>(&from), &len)
-                                              : 0;
-      // Each packet on loopback shows twice, going out and coming in; the IP header, then UDP's.
-      const size_t ip = (buf[0] & 0x0F) * 4u;
-      if (n < 28 || from.sll_pkttype == PACKET_OUTGOING || buf[9] != IPPROTO_UDP ||
-          static_cast<size_t>(n) < ip + 8 ||
-          (static_cast<unsigned char>(buf[ip + 2]) << 8 | static_cast<unsigned char>(buf[ip + 3])) != port_)
-        continue;
-      if (std::string text = buf.substr(ip + 8, static_cast<size_t>(n) - ip - 8); pred(text)) return text;
-    }
-    return {};
-  }
-  // text to the port, from a port of the system's choosing.
-  void Send(const std::string& text) {
-    const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    sockaddr_in to = Loopback(port_);
-    sendto(fd, text.data(), text.size(), 0, reinterpret_cast<sockaddr*>(&to), sizeof to);
-    close(fd);
-  }
-
- private:
-  int port_, fd_;
 };
 
 // This machine's name up to its first ".", as the program names itself.

@@ -74,29 +74,6 @@ TEST(NodeTest, StartsWithHeartbeatThenHeldReportsThenThePortEventAndAnswers) {
   EXPECT_NE(node.Ini().find("[ARP]"), std::string::npos);
 }
 
-// Behind a hub that quits, the node takes the xAP port within 10 s: its heartbeat there names that port,
-// and a question sent there is answered.
-TEST(NodeTest, BehindAHubThatQuitsTheNodeTakesTheXapPortAndAnswersThere) {
-  if (geteuid() != 0) GTEST_SKIP() << "reading loopback off the wire needs root";
-  auto hub = std::make_unique<Hub>();
-  const int xapPort = hub->Port();
-  Node node(xapPort);
-  node.Start();
-  EXPECT_NE(Field(hub->Heartbeat(), "port"), std::to_string(xapPort));
-  Wire wire(xapPort);
-  hub.reset();
-  EXPECT_EQ(wire.ReceiveUntil(
-                [&](const std::string& t) { return Field(t, "port") == std::to_string(xapPort); }, 15s),
-            Heartbeat("alive", xapPort));
-  wire.Send(Message("Homeseer.Role", "acme.hub.test", "", "Role.Query", "Role=ANY\n"));
-  const auto answer = [](const std::string& t) {
-    return Field(t, "source") == NodeSource() && Field(t, "class") == "Homeseer.Role";
-  };
-  EXPECT_EQ(wire.ReceiveUntil(answer, 5s),
-            FromNode("Homeseer.Role", "", "Role.Notification",
-                     "Role=Computer Management\nPath=" + std::string(TAVREL_BINARY) + "\n"));
-}
-
 // `tavrel wake` sends the magic packet (the page's button and the xAP request send the same, through the
 // same code); a MAC of other than twelve digits sends nothing.
 TEST(NodeTest, TheWakeCommandSendsTheMagicPacketToTheComputersSubnet) {

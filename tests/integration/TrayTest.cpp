@@ -2,7 +2,6 @@
 #include <fcntl.h>
 #include <systemd/sd-bus.h>
 
-#include <cstdarg>
 #include <memory>
 #include <thread>
 
@@ -75,15 +74,12 @@ class Host {
     sd_bus_message_read(Property(name, type), type, &text);
     return text;
   }
-  sd_bus_message* Call(const char* path, const char* method, const char* types, ...) {
-    sd_bus_message *call = nullptr, *reply = nullptr;
-    sd_bus_message_new_method_call(bus_, &call, items[0].c_str(), path, "com.canonical.dbusmenu", method);
-    va_list args;
-    va_start(args, types);
-    sd_bus_message_appendv(call, types, args);
-    va_end(args);
-    sd_bus_call(bus_, call, 2'000'000, nullptr, &reply);
-    sd_bus_message_unref(call);
+  // A method of the item's menu, its arguments as sd_bus_call_method takes them.
+  template <typename... Args>
+  sd_bus_message* Call(const char* method, Args... args) {
+    sd_bus_message* reply = nullptr;
+    sd_bus_call_method(bus_, items[0].c_str(), "/MenuBar", "com.canonical.dbusmenu", method, nullptr, &reply,
+                       args...);
     replies_.emplace_back(reply, sd_bus_message_unref);
     return reply;
   }
@@ -189,17 +185,17 @@ TEST_F(TrayTest, TheHostSeesTheIconAndItsMenuAndTheMenuDrivesTheProgram) {
   EXPECT_EQ(sizes, "16x16 22x22 32x32 48x48 ");
 
   std::vector<int> ids;
-  ASSERT_EQ(MenuItems(host.Call("/MenuBar", "GetLayout", "iias", 0, -1, 0), ids),
+  ASSERT_EQ(MenuItems(host.Call("GetLayout", "iias", 0, -1, 0), ids),
             (std::vector<std::string>{"Browser", "System Config", "System Status", "Query LAN", "Help",
                                       "(separator)", "Exit"}));
 
   // "Query LAN" asks the network for its computers.
-  host.Call("/MenuBar", "Event", "isvu", ids[3], "clicked", "i", 0, 0u);
+  host.Call("Event", "isvu", ids[3], "clicked", "i", 0, 0u);
   EXPECT_NE(hub.ReceiveUntil(
                 [](const std::string& t) { return t.find("\nComputer.Query\n{\nQuery=All\n}") != t.npos; }),
             "");
   // "Exit" ends the program cleanly.
-  host.Call("/MenuBar", "Event", "isvu", ids[6], "clicked", "i", 0, 0u);
+  host.Call("Event", "isvu", ids[6], "clicked", "i", 0, 0u);
   EXPECT_EQ(node->WaitExit(), 0);
   EXPECT_EQ(Log().find("tray"), std::string::npos) << Log();
 }

@@ -96,24 +96,7 @@ else
   fail "Query LAN: SIGUSR1 not caught within 10 s"
 fi
 # The page's rows as "IP light MAC WOL|- key", and its WOL button pressed for an address.
-cat >"$work/page.py" <<'EOF2'
-import re, sys, urllib.parse, urllib.request
-url = "http://127.0.0.1:%s/wol" % sys.argv[1]
-html = urllib.request.urlopen(url, timeout=5).read().decode("latin-1")
-rows = []
-for tr in [tr for tr in html.split("<tr>") if "type='checkbox'" in tr]:
-    cells = [re.sub("<[^>]*>", "", c) if i in (3, 4) else c for i, c in enumerate(re.findall(r"<td[^>]*>(.*?)</td>", tr))]
-    led = re.search(r"led-(\w+)\.gif", cells[1])
-    rows.append((cells[3], led.group(1) if led else "-", cells[4] or "-", "WOL" if "'WOL'" in cells[5] else "-",
-                 re.search(r"name='R(\d+)'", cells[0]).group(1)))
-if sys.argv[2] == "rows":
-    for row in rows: print(*row)
-else:
-    key = [row[4] for row in rows if row[0] == sys.argv[3]][0]
-    form = urllib.parse.urlencode({"clientinput": "yes", "subnet": "198.51.100, 203.0.113", "WOL" + key: "WOL"}).encode()
-    urllib.request.urlopen(url, data=form, timeout=5).read()
-EOF2
-page() { in_scanner privileged python3 "$work/page.py" $((port + 1)) "$@"; }
+page() { in_scanner privileged python3 "$(dirname "$0")/../support/page.py" $((port + 1)) "$@"; }
 light() { page rows 2>/dev/null | awk -v ip="$1" '$1 == ip { print $2 }'; }
 is_light() { [ "$(light "$1")" = "$2" ]; }
 now() { date +%s.%N; }
@@ -151,7 +134,7 @@ wakes() { # what command...: the command puts the magic packet for $off on the w
   wait $listening
   [ "$(cat "$work/magic")" = "ffffffffffff$(printf '0200c6336406%.0s' {1..16})" ] || fail "$1: no magic packet for $off: $(cat "$work/magic")"
 }
-wakes "WOL button" page wake $off
+wakes "WOL button" page wake $off "198.51.100, 203.0.113"
 # The hub's button for it: topic tavrel/<this machine's name>/<MAC digits>/wake.
 if [ -n "$broker" ]; then
   node=$(hostname | cut -d. -f1 | tr 'A-Z' 'a-z' | sed 's/[^a-z0-9_-]/_/g')

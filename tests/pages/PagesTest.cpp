@@ -11,6 +11,7 @@
 #include "Version.h"
 #include "core/Text.h"
 #include "http/TestSink.h"
+#include "pages/JsonApi.h"
 #include "pages/PageText.h"
 #include "pages/RemoteASP.h"
 #include "pages/StaticFiles.h"
@@ -34,6 +35,7 @@ class PageTest : public ::testing::Test {
     PageActions actions;
     actions.SendWOL = [this](const std::string& mac, const std::string& ip) {
       calls.push_back("WOL " + mac + " " + ip);
+      return true;
     };
     actions.SendComputerControl = [this](const std::string& name, const std::string& action) {
       calls.push_back(action + " " + name);
@@ -41,6 +43,7 @@ class PageTest : public ::testing::Test {
     actions.QueryLAN = [this] { calls.push_back("QueryLAN"); };
     actions.ProcessExists = [this] { return scanning; };
     actions.LocalIP = [] { return std::string("198.51.100.20"); };
+    api = std::make_unique<JsonApi>(computers, clock, actions);
     page = std::make_unique<RemoteASP>(PageContext{computers, hs, clock, reporter, actions});
   }
 
@@ -61,6 +64,17 @@ class PageTest : public ::testing::Test {
                       text.substr(text.find("\r\n")));
     Response response(sink, {home.Path() / "HTML", clock, reporter, nullptr});
     return page->RemotePage(request, response);
+  }
+  // The whole answer of the JSON interface to "METHOD TARGET" (then any header lines) and a body.
+  std::string Api(const std::string& request, const std::string& body = "") {
+    const size_t end = request.find("\r\n");
+    Request parsed;
+    parsed.ParsePage(request.substr(0, end) + " HTTP/1.1\r\nHost: tavrel:8019" +
+                     (end == std::string::npos ? "" : request.substr(end)) + "\r\n\r\n" + body);
+    test::TestSink out;
+    Response response(out, {home.Path() / "HTML", clock, reporter, nullptr});
+    api->ServeApi(parsed, response);
+    return out.sent;
   }
   std::string Get(const std::string& agent = "Mozilla/5.0") {
     return Serve("GET /wol HTTP/1.1\r\n\r\n", agent);
@@ -88,6 +102,7 @@ class PageTest : public ::testing::Test {
   Lines calls;
   bool scanning = false;
   std::unique_ptr<RemoteASP> page;
+  std::unique_ptr<JsonApi> api;
 };
 
 // Ages of minutes and days are in the whole pages below; a clock set back gives the time before midnight.
@@ -130,6 +145,117 @@ TEST_F(PageTest, WholePagesAreByteExact) {
   for (const char* name : {"Jo's <PC>", "nas", "old"}) computers.Rename(name, "", "", edits);
   scanning = true;
   EXPECT_EQ(Get("Mozilla/4.0 (QNX)"), Golden("touch.html"));
+  EXPECT_TRUE(reporter.calls.empty());
+}
+
+// The table as the JSON interface gives it: the registry's rows in order, times in UTC (this machine one
+// hour east of it here), seen by what, and whether a scan runs. A name that is not UTF-8 gets U+FFFD.
+TEST_F(PageTest, JsonTableIsByteExact) {
+  test::TimeZone zone("CET-1");
+  computers.SetPresenceRule({true, std::chrono::seconds(180)});
+  AddComputer("pc1", "198.51.100.10", "2026-11-22 10:15:00");
+  AddComputer("Jo's \"PC\"\xe9", "198.51.100.11", "2026-11-22 10:14:00");
+  AddComputer("nas", "198.51.100.12");
+  clock.Set(MakeDateTime(2026, 11, 22, 10, 20));
+  computers.MergeArp({{"198.51.100.12", "00-11-22-33-44-12"}, {"203.0.113.7", "AA-BB-CC-DD-EE-FF"}});
+  clock.Set(MakeDateTime(2026, 11, 22, 10, 27));
+  computers.MergeArp({{"198.51.100.10", "00-11-22-33-44-55"}, {"198.51.100.5", "00-11-22-33-44-05"}});
+  clock.Set(MakeDateTime(2026, 11, 22, 10, 30));
+  // A table that changes, or a scan that starts, within the second gets a new document.
+  const std::string before = Api("GET /api/computers");
+  computers.Learn("laptop");
+  EXPECT_NE(Api("GET /api/computers").find("laptop"), std::string::npos);
+  scanning = true;
+  const std::string body = Golden("computers.json") + "\n";
+  EXPECT_EQ(Api("GET /api/computers"),
+            "HTTP/1.1 200 OK\r\nServer: zel\r\nDate: 22-Nov-26\r\nConnection: close\r\n"
+            "Content-Type: application/json\r\nContent-Length: " +
+                std::to_string(body.size()) + "\r\n\r\n" + body);
+  EXPECT_EQ(before.find("laptop"), std::string::npos);
+  EXPECT_TRUE(calls.empty());
+}
+
+// Each action and each way of asking wrongly: the status line and the document, and what was done. A
+// request is its first line, then any header lines.
+TEST_F(PageTest, JsonActionsAndRefusals) {
+  AddComputer("pc1", "198.51.100.10");
+  AddComputer("nas", "198.51.100.12");
+  computers.MergeArp({{"198.51.100.10", "00-11-22-33-44-55"}, {"203.0.113.7", "AA-BB-CC-DD-EE-FF"}});
+  const std::string wake = R"(202 Accepted {"computer":"pc1","ip":"198.51.100.10","action":"wake",)"
+                           R"("mac":"00-11-22-33-44-55","broadcast":"198.51.100.255","port":7})";
+  const std::string woke = "WOL 00-11-22-33-44-55 198.51.100.10";
+  const std::string bad = "400 Bad Request ";
+  const std::string how = R"(give ?computer=NAME or the body {\"computer\":\"NAME\"}: a name, an IP )"
+                          R"(address or a MAC address"})";
+  const struct {
+    std::string request, body, answer, done = {};
+  } cases[] = {
+      {"POST /api/wake?computer=PC1", "", wake, woke},
+      {"POST /api/wake?a=b&computer=00%3A11%3A22%3A33%3A44%3A55", "", wake, woke},
+      // The query and the body may both name it; other fields of the body are left alone.
+      {"POST /api/wake?computer=198.51.100.10", R"({"computer":"198.51.100.10","x":[1]})", wake, woke},
+      {"POST /api/wake\r\nContent-Type: application/json", R"({"computer":"aabb.ccdd.eeff"})",
+       R"(202 Accepted {"computer":null,"ip":"203.0.113.7","action":"wake","mac":"AA-BB-CC-DD-EE-FF",)"
+       R"("broadcast":"203.0.113.255","port":7})",
+       "WOL AA-BB-CC-DD-EE-FF 203.0.113.7"},
+      {"POST /api/reboot?computer=nas", "",
+       R"(202 Accepted {"computer":"nas","ip":"198.51.100.12","action":"reboot","via":"xap"})", "Reboot nas"},
+      {"POST /api/shutdown\r\nContent-Length: 19", "{\"computer\":\"pc1\"}\r\nmore",
+       R"(202 Accepted {"computer":"pc1","ip":"198.51.100.10","action":"shutdown","via":"xap"})",
+       "Shutdown pc1"},
+      {"POST /api/scan", "", R"(202 Accepted {"action":"scan"})", "QueryLAN"},
+      {"POST /api/wake?computer=nas", "",
+       R"(409 Conflict {"error":"no MAC address is known for \"nas\": a sweep learns it while the computer )"
+       R"(is on"})"},
+      {"POST /api/shutdown?computer=aa-bb-cc-dd-ee-ff", "",
+       R"(409 Conflict {"error":"203.0.113.7 has no name: shutdown goes to the xAP agent of a computer by )"
+       R"(its name"})"},
+      {"POST /api/wake?computer=pc9", "",
+       R"(404 Not Found {"error":"no computer \"pc9\": no name, IP address or MAC address in the table"})"},
+      {"POST /api/wake", "", bad + R"({"error":"no computer named: )" + how},
+      {"POST /api/wake?computer=", "", bad + R"({"error":"\"computer\" is empty: )" + how},
+      {"POST /api/wake", "computer=pc1",
+       bad + R"({"error":"the body is not JSON: it goes wrong at byte 1"})"},
+      {"POST /api/wake", "{\"computer\":\"\xe9\"}",
+       bad + R"({"error":"the body is not JSON: it goes wrong at byte 15"})"},
+      {"POST /api/wake", std::string("{\"computer\":\"pc1\0\"}", 19),
+       bad + R"({"error":"the body is not JSON: it goes wrong at byte 17"})"},
+      {"POST /api/wake", R"({"computer":1E99999})",
+       bad + R"({"error":"the body holds a number out of range"})"},
+      {"POST /api/wake", R"(["pc1"])",
+       bad + R"({"error":"the body is not a JSON object such as {\"computer\":\"pc1\"}"})"},
+      {"POST /api/wake", R"({"computer":["pc1"]})",
+       bad + R"({"error":"\"computer\" is not a string but array"})"},
+      {"POST /api/wake", R"({"computer":"pc1\u0000"})",
+       bad + R"({"error":"\"computer\" holds a control character"})"},
+      {"POST /api/wake?computer=" + std::string(64, 'a'), "",
+       bad + R"({"error":"\"computer\" is longer than 63 bytes"})"},
+      {"POST /api/wake", std::string(5000, ' '), bad + R"({"error":"the body is longer than 4096 bytes"})"},
+      {"POST /api/wake\r\nContent-Length: 9999999", "{}",
+       bad + R"({"error":"the body is longer than 4096 bytes"})"},
+      {"POST /api/wake\r\nContent-Length: 40", R"({"computer":"pc1"})",
+       bad + R"({"error":"the body came with 18 of the 40 bytes its Content-Length announces"})"},
+      {"POST /api/wake\r\nContent-Length: -1", "",
+       bad + R"({"error":"Content-Length \"-1\" is not a number"})"},
+      {"POST /api/wake", std::string(2000, '[') + std::string(2000, ']'),
+       bad + R"({"error":"the body nests deeper than 4 levels"})"},
+      {"POST /api/wake?computer=pc1", R"({"computer":"nas"})",
+       bad + R"({"error":"the query and the body name different computers"})"},
+      {"GET /api/wake?computer=pc1", "", R"(405 Method Not Allowed {"error":"/api/wake takes POST"})"},
+      {"DELETE /api/computers", "", R"(405 Method Not Allowed {"error":"/api/computers takes GET"})"},
+      {"GET /api/Computer", "", R"(404 Not Found {"error":"no such path: /api/Computer"})"},
+  };
+  for (const auto& c : cases) {
+    calls.clear();
+    const std::string answer = Api(c.request, c.body);
+    const size_t bodyAt = answer.find("\r\n\r\n");
+    EXPECT_EQ(answer.substr(9, answer.find("\r\n") - 9) + " " + answer.substr(bodyAt + 4), c.answer + "\n")
+        << c.request << " " << c.body.substr(0, 40);
+    EXPECT_EQ(calls, c.done.empty() ? Lines{} : Lines{c.done}) << c.request;
+    EXPECT_EQ(answer.find("\r\nAllow: ") != std::string::npos, c.answer.starts_with("405")) << c.request;
+  }
+  scanning = true;
+  EXPECT_TRUE(Api("POST /api/scan").ends_with("\r\n\r\n{\"error\":\"a scan is running\"}\n"));
   EXPECT_TRUE(reporter.calls.empty());
 }
 

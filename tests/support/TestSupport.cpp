@@ -1,6 +1,8 @@
 #include "TestSupport.h"
 
 #include <atomic>
+#include <cstdlib>
+#include <ctime>
 #include <fstream>
 #include <random>
 #include <thread>
@@ -22,6 +24,31 @@ TempDir::~TempDir() {
   std::error_code ec;
   std::filesystem::remove_all(path_, ec);
 }
+
+namespace {
+
+void SetTimeZone(const std::optional<std::string>& tz) {
+#ifdef _WIN32
+  _putenv_s("TZ", tz ? tz->c_str() : "");
+  _tzset();
+#else
+  if (tz) {
+    setenv("TZ", tz->c_str(), 1);
+  } else {
+    unsetenv("TZ");
+  }
+  tzset();
+#endif
+}
+
+}  // namespace
+
+TimeZone::TimeZone(const std::string& tz) {
+  if (const char* now = std::getenv("TZ")) before_ = now;
+  SetTimeZone(tz);
+}
+
+TimeZone::~TimeZone() { SetTimeZone(before_); }
 
 std::string ReadFile(const std::filesystem::path& path) { return ReadWholeFile(path).value_or(""); }
 

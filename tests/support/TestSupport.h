@@ -3,6 +3,7 @@
 #include <chrono>
 #include <filesystem>
 #include <functional>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -50,6 +51,19 @@ class RecordingReporter : public Reporter {
     return texts;
   }
   std::vector<Call> calls;
+};
+
+// The process's time zone set to a TZ text while it lives ("CET-1": one hour east of UTC all year, a
+// form POSIX and the Windows C library both read), then back as it was.
+class TimeZone {
+ public:
+  explicit TimeZone(const std::string& tz);
+  ~TimeZone();
+  TimeZone(const TimeZone&) = delete;
+  TimeZone& operator=(const TimeZone&) = delete;
+
+ private:
+  std::optional<std::string> before_;
 };
 
 std::string ReadFile(const std::filesystem::path& path);
