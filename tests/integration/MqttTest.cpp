@@ -176,6 +176,16 @@ TEST_F(MqttTest, AnnouncesTheTableTakesPressesAndComesBackWithTheBroker) {
       << log;
   EXPECT_EQ(MqttLogLines(node), 4u);
 
+  // The hub back online gets every announcement and state again (availability stays retained); a sender
+  // heard on xAP appears as it is learned.
+  const size_t before = sub->Text().size();
+  Subscriber::Publish("homeassistant/status", "online");
+  const std::string again = "homeassistant/status online\n" + Golden().substr(Golden().find('\n') + 1);
+  EXPECT_TRUE(WaitFor([&] { return Sorted(sub->Text().substr(before)) == Sorted(again); })) << sub->Text();
+  hub.SendTo(port,
+             "xap-header\n{\nv=12\nhop=1\nuid=FF123400\nclass=xap-hbeat.alive\nsource=acme.pc.gamma\n}\n");
+  EXPECT_TRUE(sub->WaitForLine("tavrel/tavrelhost/gamma/seen ON")) << sub->Text();
+
   // A clean exit says so.
   node.Signal(SIGTERM);
   EXPECT_TRUE(sub->WaitForLine("tavrel/tavrelhost/availability offline"));
