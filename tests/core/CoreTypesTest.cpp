@@ -6,7 +6,6 @@
 #include "TestSupport.h"
 #include "core/Clock.h"
 #include "core/Folders.h"
-#include "core/OrderedDict.h"
 #include "core/Timer.h"
 
 namespace tavrel {
@@ -15,20 +14,6 @@ namespace {
 using Names = std::vector<std::string>;
 using std::chrono::milliseconds;
 namespace fs = std::filesystem;
-
-// Binary compare (order, case, the first of equal keys) is the settings file's table, pinned down by the
-// IniTool tests. Text compare: a key keeps its first spelling; a copy owns its entries.
-TEST(OrderedDict, TextCompareKeepsTheFirstSpellingAndACopyOwnsItsEntries) {
-  OrderedDict<int> text(true);
-  text.Add("PC1", 1);
-  EXPECT_FALSE(text.Add("Pc1", 2));
-  text["pC1"] = 5;
-  OrderedDict<int> copy = text;
-  copy["pc1"] = 7;
-  EXPECT_EQ(text.Keys(), Names{"PC1"});
-  EXPECT_EQ(*text.Find("pc1") * 10 + *copy.Find("PC1"), 57);
-  EXPECT_TRUE(text.Remove("pc1") && text.Empty());
-}
 
 // The text forms are checked in pages, events and settings; here what they refuse and the minute count,
 // which counts the calendar minute boundaries crossed.
@@ -49,10 +34,8 @@ TEST(Clock, ParsingRefusesImpossibleTimesAndMinutesCountBoundariesCrossed) {
 }
 
 TEST(Folders, ChainStopsBeforeTheFileNameAndMissingFoldersAreCreated) {
-  EXPECT_EQ(FolderChain("C:\\A\\B\\file.ini"), (Names{"C:\\A", "C:\\A\\B"}));
   EXPECT_EQ(FolderChain("\\\\server\\share\\x\\y\\f.txt"),
             (Names{"\\\\server\\share\\x", "\\\\server\\share\\x\\y"}));
-  EXPECT_EQ(FolderChain("/home/u/Config/x"), (Names{"/home", "/home/u", "/home/u/Config"}));
   EXPECT_TRUE(FolderChain("file.ini").empty() && FolderChain("\\\\server\\share").empty());
   test::TempDir dir;
   test::RecordingReporter reporter;
