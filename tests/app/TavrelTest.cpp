@@ -86,16 +86,6 @@ TEST_F(TavrelTest, StartLoadsTheComputersAndOneCallHandsEveryWaitingSenderToThem
 #endif
 }
 
-// Exit through the menu is tested end to end; closing the window alone ends nothing.
-TEST_F(TavrelTest, OnlyExitEndsTheProgram) {
-  Start();
-  app->MenuArray_Click(Tavrel::kHelp);
-  app->Form_unload();
-  EXPECT_FALSE(app->Exiting() || io.stopped() || app->Scan()->ARPTimerEnabled());
-  app->MenuArray_Click(Tavrel::kExit);
-  EXPECT_TRUE(app->Exiting() && io.stopped());
-}
-
 #ifndef _WIN32
 // "Browser" opens the page on the port the server reads from the same setting (quotes and all), and a
 // browser that cannot be started is logged with the reason.
