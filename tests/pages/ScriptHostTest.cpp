@@ -132,17 +132,6 @@ TEST_F(ScriptHostTest, PagesBecomeCodeWithTheirIncludesFirst) {
   EXPECT_TRUE(reporter.calls[3].event && !reporter.calls[0].event);
 }
 
-TEST_F(ScriptHostTest, FailuresAreReportedUnderTheirLabels) {
-  host.HTMLBuild();  // before HTMLInit there is no control
-  Write("Config/tavrel.ini", "[WOL]\r\nScriptTimeout=soon\r\n");
-  host.HTMLInit();
-  EXPECT_EQ(created, 0);
-  EXPECT_THROW(host.Run("setObjects"), ScriptError);
-  EXPECT_FALSE(host.ScriptInitialised());
-  EXPECT_THAT(Events(), ElementsAre("event HTMLBuild: Object variable or With block variable not set",
-                                    "event HTMLInit: Type mismatch"));
-}
-
 // What a script sees of a member's result: text as it stands, dates as the log writes them, a record's
 // members joined by "|", a collection's items in braces, a failure as its error number.
 std::string Seen(const ScriptValue& value) {
