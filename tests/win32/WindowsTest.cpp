@@ -199,22 +199,16 @@ TEST(ScriptControl, RunsVBScriptWithTheProgramsObjects) {
   control->AddObject("rec", recorder, true);
   control->AddObject("bare", std::make_shared<Bare>(), false);
   control->AddCode(
-      "Dim kept\r\n"
-      "Function Objects()\r\n  Objects = rec.Echo(\"x\", bare, rec)\r\nEnd Function\r\n"
-      "Function Both(a, b)\r\n  Both = rec.Echo(a, b) & \"/\" & ECHO(\"global\") & \"/\" & rec\r\nEnd "
-      "Function\r\n"
-      "Sub Keep(o)\r\n  Set kept = o\r\nEnd Sub\r\n"
-      "Function AskKept()\r\n  AskKept = kept.Echo(\"x\", 3, True)\r\nEnd Function\r\n"
-      "Function IsOn(flag)\r\n  IsOn = Not flag\r\nEnd Function\r\n"
-      "Function Half(n)\r\n  Half = n / 2\r\nEnd Function\r\n"
-      "Function Nothing2()\r\nEnd Function\r\n"
-      "Function NextDay(d)\r\n  NextDay = DateAdd(\"d\", 1, d)\r\nEnd Function\r\n"
-      "Function Walk()\r\n  For Each x In rec\r\n"
-      "    If IsObject(x) Then\r\n      Walk = Walk & x.Echo(\"o\")\r\n"
-      "    ElseIf VarType(x) = vbDate Then\r\n      Walk = Walk & Year(x)\r\n"
-      "    Else\r\n      Walk = Walk & x\r\n    End If\r\n    Walk = Walk & \",\"\r\n  Next\r\nEnd "
-      "Function\r\n"
-      "Function List()\r\n  List = Array(\"p\", 2, True)\r\nEnd Function\r\n");
+      "Dim kept\r\nSub Keep(o)\r\nSet kept = o\r\nEnd Sub\r\nFunction Nothing2()\r\nEnd Function\r\n"
+      "Function Objects()\r\nObjects = rec.Echo(\"x\", bare, rec)\r\nEnd Function\r\nFunction Both(a, b)\r\n"
+      "Both = rec.Echo(a, b) & \"/\" & ECHO(\"global\") & \"/\" & rec\r\nEnd Function\r\n"
+      "Function AskKept()\r\nAskKept = kept.Echo(\"x\", 3, True)\r\nEnd Function\r\nFunction IsOn(flag)\r\n"
+      "IsOn = Not flag\r\nEnd Function\r\nFunction Half(n)\r\nHalf = n / 2\r\nEnd Function\r\n"
+      "Function NextDay(d)\r\nNextDay = DateAdd(\"d\", 1, d)\r\nEnd Function\r\nFunction List()\r\n"
+      "List = Array(\"p\", 2, True)\r\nEnd Function\r\nFunction Walk()\r\nFor Each x In rec\r\n"
+      "If IsObject(x) Then\r\nWalk = Walk & x.Echo(\"o\")\r\nElseIf VarType(x) = vbDate Then\r\n"
+      "Walk = Walk & Year(x)\r\nElse\r\nWalk = Walk & x\r\nEnd If\r\nWalk = Walk & \",\"\r\nNext\r\n"
+      "End Function\r\n");
 
   // Text crosses both ways byte for byte in the system code page, NUL characters included.
   const std::string bytes("caf\xe9\0end", 8);
