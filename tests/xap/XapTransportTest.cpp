@@ -30,6 +30,13 @@ class RecordingSink : public DatagramSink {
   bool failing = false;
 };
 
+// The heartbeat of the node with uid FF001500, every interval (in tens of seconds).
+std::string Heartbeat(const std::string& interval, const std::string& source = "zel.WOL.host",
+                      long port = 3639) {
+  return "xap-hbeat\n{\nv=12\nhop=1\nuid=FF001500\nclass=xap-hbeat.alive\nsource=" + source +
+         "\ninterval=" + interval + "0\nport=" + std::to_string(port) + "\n}\n";
+}
+
 class NodeRulesTest : public ::testing::Test {
  protected:
   NodeRulesTest() {
@@ -37,10 +44,6 @@ class NodeRulesTest : public ::testing::Test {
     node.SetXapUID("FF001500");
     node.SetLocalPort(3639);
     node.RegisterNewMessageCallback([this] { ++callbacks; });
-  }
-  static std::string Heartbeat(const std::string& interval, const char* state = "alive") {
-    return "xap-hbeat\n{\nv=12\nhop=1\nuid=FF001500\nclass=xap-hbeat."s + state +
-           "\nsource=zel.WOL.host\ninterval=" + interval + "0\nport=3639\n}\n";
   }
   std::string Logged() {
     std::string text;
@@ -161,12 +164,8 @@ TEST(TransportTest, BehindAHubTheNodeTakesTheXapPortOnTheFirstTryAfterTheHubHasG
   const long own = node.Init();
   ASSERT_GE(own, XapTransport::kFirstFallbackPort);
   node.SendHeartbeat(60);
-  const auto heartbeat = [&](long port) {
-    return "xap-hbeat\n{\nv=12\nhop=1\nuid=FF001500\nclass=xap-hbeat.alive\nsource=\ninterval=600\nport=" +
-           std::to_string(port) + "\n}\n";
-  };
   std::string text(2048, '\0');
-  EXPECT_EQ(text.substr(0, hub->receive(asio::buffer(text))), heartbeat(own));
+  EXPECT_EQ(text.substr(0, hub->receive(asio::buffer(text))), Heartbeat("60", "", own));
 
   timers.Advance(10s);
   EXPECT_EQ(node.LocalPort(), own);
@@ -183,7 +182,7 @@ TEST(TransportTest, BehindAHubTheNodeTakesTheXapPortOnTheFirstTryAfterTheHubHasG
   // The heartbeat, sent to the xAP port, comes back to the node that now listens there.
   EXPECT_TRUE(test::WaitFor([&] { return io.poll(), node.QueueLength() == 2; }));
   timers.Advance(50ms);
-  EXPECT_EQ(got, (std::vector{"xap-header\nrelayed"s, heartbeat(xapPort)}));
+  EXPECT_EQ(got, (std::vector{"xap-header\nrelayed"s, Heartbeat("60", "", xapPort)}));
   EXPECT_EQ(timers.ArmedCount(), 1u);  // the heartbeat's alone
   std::error_code ec;
   udp::socket(io, udp::v4()).bind(udp::endpoint(loopback, static_cast<unsigned short>(own)), ec);
