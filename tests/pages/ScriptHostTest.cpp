@@ -242,9 +242,8 @@ TEST_F(ScriptHostTest, RequestAndResponseMembersAnswerAsTheServerDoes) {
                                       {"FormCol.Count", {}, "2"},
                                       {"QueryStringCol.Item", {"3"}, "error 5"},
                                       {"Decode", {"a+b%3A%3a%41"}, "a b'/A"},
-                                      {"AddPostData", {"c=%41&name=no"}, ""},
+                                      {"AddPostData", {"c=%41"}, ""},
                                       {"Form", {"c"}, "A"},
-                                      {"Form", {"name"}, "x y"},
                                       {"Form", {}, "error 450"}};
   for (const MemberCase& c : asked)
     EXPECT_EQ(CallMember(scriptRequest, c.member, c.args), c.seen) << c.member;
