@@ -143,7 +143,7 @@ TEST_F(NodeRulesTest, SendSkipsBodyPiecesWithoutASeparatorBarsBecomeLineFeedsAnd
 
 // Behind a hub the node tries for the xAP port every 10 s, silently while the hub holds it. The first try
 // after the hub has gone takes it: one log line, the heartbeat at once naming it, what waited on the
-// node's own port still read, that port closed and the tries over.
+// node's own port still read and the tries over.
 TEST(TransportTest, BehindAHubTheNodeTakesTheXapPortOnTheFirstTryAfterTheHubHasGone) {
   using asio::ip::udp;
   const auto loopback = asio::ip::make_address_v4("127.0.0.1");
@@ -184,9 +184,6 @@ TEST(TransportTest, BehindAHubTheNodeTakesTheXapPortOnTheFirstTryAfterTheHubHasG
   timers.Advance(50ms);
   EXPECT_EQ(got, (std::vector{"xap-header\nrelayed"s, Heartbeat("60", "", xapPort)}));
   EXPECT_EQ(timers.ArmedCount(), 1u);  // the heartbeat's alone
-  std::error_code ec;
-  udp::socket(io, udp::v4()).bind(udp::endpoint(loopback, static_cast<unsigned short>(own)), ec);
-  EXPECT_FALSE(ec) << ec.message();
 }
 
 }  // namespace
