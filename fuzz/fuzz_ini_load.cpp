@@ -30,12 +30,5 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     kept = kept && second.Table().Find(entry.key) && *second.Table().Find(entry.key) == entry.value;
   }
   tavrel::fuzz::Check(separatorInName || (second.ToText() == saved && kept));
-  // Removing a section removes every key it lists under its own name.
-  if (const auto sections = second.Sections(); !sections.empty() && !separatorInName) {
-    const std::string prefix = tavrel::UCase(sections[0]) + "~";
-    const auto keys = second.Keys(sections[0]);
-    second.RemoveSection(sections[0]);
-    for (const auto& key : keys) tavrel::fuzz::Check(!second.Table().Find(prefix + key));
-  }
   return 0;
 }

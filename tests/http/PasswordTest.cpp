@@ -22,20 +22,13 @@ TEST(PasswordTest, StoredHashVerifiesOnlyItsPasswordAndMalformedTextIsRefused) {
   for (std::string_view other : {"", "Secret", "secret ", "secre"})
     EXPECT_FALSE(VerifyPassword(kSecret, other));
 
-  // Malformed: each edit "from>to" changes the first "from" of the good text into "to".
+  // Malformed: each edit "from>to" changes the first "from" of the good text into "to" (4294968296 is
+  // 1000 past 2^32).
   EXPECT_FALSE(IsPasswordHash(""));
-  const char* edits[] = {"sha256>sha1",
-                         "pbkdf2-sha256>PBKDF2-SHA256",
-                         "$1000$>$0$",
-                         "$1000$>$01000$",
-                         "$1000$>$4294968296$",  // 1000 past 2^32
-                         "$1000$>$$",
-                         "$a0a1>$a1",
-                         "c2d>c2d00",
-                         "c2d>cg",
-                         "c2d>c2d$",
-                         "af$>af",
-                         "pbkdf2> pbkdf2"};
+  // clang-format off
+  const char* edits[] = {"sha256>sha1", "pbkdf2-sha256>PBKDF2-SHA256", "$1000$>$0$", "$1000$>$01000$",
+      "$1000$>$4294968296$", "$1000$>$$", "$a0a1>$a1", "c2d>c2d00", "c2d>cg", "c2d>c2d$", "af$>af", "pbkdf2> pbkdf2"};
+  // clang-format on
   for (const std::string edit : edits) {
     std::string stored(kSecret);
     const std::string from = edit.substr(0, edit.find('>'));

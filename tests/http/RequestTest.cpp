@@ -51,10 +51,9 @@ TEST(RequestTest, ParsingDecodingAndContentRules) {
        "[A=1][c=][=e][q=%41]|[k%3A=x y:[]\\A'\xe9%zz%4][z=1]|A=1&a=2&c&=e&q=%2541|"
        "k%3A=x+y%3A%5B%5D%5C%41%27%e9%zz%4&k%3a=noK%3A=late&z=1=2"},
       {'D', "a+b%41%42", "a bAB"},
-      {'D', "%3A|%3a|%2F", "'|/|/"},    // lower-case "a" counts as -1: 16 * 3 - 1 = 47
-      {'D', "%0D%0A%00%zz%", "     "},  // control codes and negative codes become blanks
-      {'D', "%2525", "%25"},            // the decoded "%" is not read again
-      {'D', "x%4", "x?"},               // a missing digit counts as -1 too
+      {'D', "%3A|%3a|%2F|x%4", "'|/|/|x?"},  // lower-case "a" or no digit counts as -1: 16 * 3 - 1 = 47
+      {'D', "%0D%0A%00%zz%", "     "},       // control codes and negative codes become blanks
+      {'D', "%2525", "%25"},                 // the decoded "%" is not read again
       {'D', "%FF%+1", "\xFF "},
       {'C', "h\r\n\r\nbody\r\n\r\nmore", "ody\r\n\r\nmore"},  // less the first body byte
       {'C', "h\r\nbody", ""},

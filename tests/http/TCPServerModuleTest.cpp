@@ -1,16 +1,12 @@
 #include <algorithm>
 #include <memory>
 #include <string>
-#include <tuple>
 #include <vector>
 
-#include <asio/io_context.hpp>
-#include <asio/ip/tcp.hpp>
 #include <gtest/gtest.h>
 
 #include "ManualTimers.h"
 #include "TestSupport.h"
-#include "http/TCPServer.h"
 #include "http/TCPServerModule.h"
 
 namespace tavrel {
@@ -186,22 +182,6 @@ TEST_F(ServerModuleTest, ClientThatTakesNothingIsClosedAfterTheTimeOuts) {
   EXPECT_EQ(image.written.size(), 1u);
   EXPECT_EQ(server->SocketsOpen(), 0);  // the 19 silent ones went at 10 s
   EXPECT_EQ(timers.ArmedCount(), 0u);
-}
-
-// Only the port setting here: what the listener serves is tested end to end over real sockets.
-TEST_F(ServerModuleTest, PortSettingDecidesWhetherAndWhereTheListenerListens) {
-  asio::io_context io;
-  const int port = asio::ip::tcp::acceptor(io, {asio::ip::address_v4::loopback(), 0}).local_endpoint().port();
-  const std::tuple<std::string, int, bool> cases[] = {
-      {"abc", 0, false}, {"70000", 0, true}, {"\"" + std::to_string(port) + "\"", port, false}};
-  for (const auto& [setting, listens, reported] : cases) {
-    reporter.calls.clear();
-    TCPServer server(io, timers, clock, reporter, home.Path(), {setting, "203.0.113.9", "8080", "127.0.0.1"},
-                     nullptr, nullptr);
-    EXPECT_EQ(server.Form_Load(), listens != 0) << setting;
-    EXPECT_EQ(server.LocalPort(), listens) << setting;
-    EXPECT_EQ(reporter.calls.size(), reported ? 1u : 0u) << setting;
-  }
 }
 
 }  // namespace

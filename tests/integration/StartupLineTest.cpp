@@ -21,12 +21,13 @@ TEST(StartupLineTest, SaysWhereTheNodeListensWhereThePageIsAndHowToStop) {
   const std::string heldPort = std::to_string(LoopbackPort(SOCK_STREAM, &held));
   const std::string freePort = std::to_string(LoopbackPort(SOCK_STREAM));
   const Case cases[] = {
-      {"page served", true, freePort,
+      {"page served", true, "\"" + freePort + "\"",  // quotes and all, as the setting may be written
        "page http://localhost:" + freePort + "/wol for this machine's networks"},
       {"page narrowed", false, freePort + "\nHTTPAllow= 198.51.100.0/24 \nHTTPPasswordHash=h",
        "page http://localhost:" + freePort + "/wol for HTTPAllow 198.51.100.0/24, with its password"},
       {"port taken", false, heldPort, "web server failed to listen on HTTPPort " + heldPort},
       {"server off", true, "\"\"", "web server off (HTTPPort=\"\")"},
+      {"not a port", true, "70000", "web server failed to listen on HTTPPort 70000"},
   };
   for (const Case& c : cases) {
     Hub hub;  // a fresh one: nothing left over from the node before

@@ -63,10 +63,8 @@ void ManualTimers::Advance(milliseconds by) {
 }
 
 size_t ManualTimers::ArmedCount() const {
-  return static_cast<size_t>(std::count_if(timers_.begin(), timers_.end(), [](const auto& weak) {
-    auto s = weak.lock();
-    return s && s->armed;
-  }));
+  return std::ranges::count_if(timers_,
+                               [](const auto& weak) { return !weak.expired() && weak.lock()->armed; });
 }
 
 }  // namespace tavrel::test

@@ -162,10 +162,7 @@ TEST_F(XapHandlerTest, FailureIsReportedAsAnEventWithPositionsAndTheReceivedText
   EXPECT_NE(computers_.FindByName("hub"), nullptr);  // learned before the failure, and kept
   // Control bytes are shown as hex, lines joined with ", " and the text is cut after 500 bytes.
   EXPECT_EQ(XapHandler::DiagnosticText("a\r\nb\x01\0\x7f\xe9\n"s), "a<0D>, b<01><00><7F>\xe9");
-  std::string tabs;
-  for (int k = 0; k < 125; ++k) tabs += "<09>";
-  EXPECT_EQ(XapHandler::DiagnosticText(std::string(125, '\t')), tabs);
-  EXPECT_EQ(XapHandler::DiagnosticText(std::string(300, '\t')), tabs + "...");
+  EXPECT_EQ(XapHandler::DiagnosticText(std::string(501, 'x')), std::string(500, 'x') + "...");
 }
 
 }  // namespace
