@@ -75,15 +75,7 @@ TEST_F(TavrelTest, StartLoadsTheComputersAndOneCallHandsEveryWaitingSenderToThem
   app->onMessage();
   EXPECT_EQ(app->Transport()->GetMessage(), "");
   EXPECT_EQ(app->Computers().Count(), 4u);  // this machine, pc1, pc2 and pc3
-  // The port the hub holds is taken; the fallback is bound on 127.0.0.1 alone, so 127.0.0.2 can take it too.
-  const long port = app->Transport()->LocalPort();
-  EXPECT_GE(port, XapTransport::kFirstFallbackPort);
-#ifndef _WIN32
-  std::error_code ec;
-  asio::ip::udp::socket(io, asio::ip::udp::v4())
-      .bind({asio::ip::make_address_v4("127.0.0.2"), static_cast<unsigned short>(port)}, ec);
-  EXPECT_FALSE(ec) << ec.message();
-#endif
+  EXPECT_GE(app->Transport()->LocalPort(), XapTransport::kFirstFallbackPort);  // the hub holds the xAP port
 }
 
 #ifndef _WIN32
