@@ -173,13 +173,12 @@ class BatchSweepTest : public LanScanTest {
 // "batch" needs CMD.EXE and is the default where it is there; loopback is never probed by "native".
 TEST_F(BatchSweepTest, ScanMethodPicksTheSweepAndLogsAFallback) {
   SetWol("Subnet", "127.0.0");
+  // clang-format off
   const std::tuple<bool, const char*, bool, Texts> cases[] = {
-      {true, "batch", true, {}},
-      {true, "", true, {}},
-      {true, "native", false, {}},
-      {false, "", false, {}},
+      {true, "batch", true, {}}, {true, "", true, {}}, {true, "native", false, {}}, {false, "", false, {}},
       {false, "batch", false, {"log|tavrel|ScanMethod batch needs CMD.EXE, using native|0|"}},
       {true, "fast", true, {"log|tavrel|ScanMethod fast unknown, using batch|0|"}}};
+  // clang-format on
   for (const auto& [cmdThere, method, batch, reports] : cases) {
     SetWol("ScanMethod", method);
     started.clear();

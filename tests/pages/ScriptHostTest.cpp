@@ -222,24 +222,16 @@ TEST_F(ScriptHostTest, RequestAndResponseMembersAnswerAsTheServerDoes) {
       "POST /wol?q=1&Q=2&r=%5Bx%5D HTTP/1.1\r\nHost: tavrel:8019\r\nUser-Agent: UA\r\n\r\nname=x+y&b=%41");
   request.SetRemoteIp("198.51.100.9");
   RequestObject scriptRequest(request);
-  const std::vector<MemberCase> asked{{"Form", {"NAME"}, "x y"},
-                                      {"QueryString", {"q"}, "1"},
-                                      {"ServerVariables", {"remote_addr"}, "tavrel"},
-                                      {"page", {}, "/wol"},
-                                      {"Method", {}, "POSTx"},
-                                      {"header", {}, "HTTP/1.1\r\nHost: tavrel:8019\r\nUser-Agent: UA"},
-                                      {"remoteip", {}, "198.51.100.9"},
-                                      {"FormCol", {}, "{name|x y,b|A}"},
-                                      {"QueryStringCol", {}, "{q|1,r|[x]}"},
-                                      {"HeaderCol", {}, "{tavrel:8019,UA}"},
-                                      {"FormCol.Item", {"NAME"}, "name|x y"},
-                                      {"FormCol.", {"2"}, "b|A"},
-                                      {"FormCol.Count", {}, "2"},
-                                      {"QueryStringCol.Item", {"3"}, "error 5"},
-                                      {"Decode", {"a+b%3A%3a%41"}, "a b'/A"},
-                                      {"AddPostData", {"c=%41"}, ""},
-                                      {"Form", {"c"}, "A"},
-                                      {"Form", {}, "error 450"}};
+  // clang-format off
+  const std::vector<MemberCase> asked{
+      {"Form", {"NAME"}, "x y"}, {"QueryString", {"q"}, "1"}, {"ServerVariables", {"remote_addr"}, "tavrel"},
+      {"page", {}, "/wol"}, {"Method", {}, "POSTx"}, {"HeaderCol", {}, "{tavrel:8019,UA}"},
+      {"header", {}, "HTTP/1.1\r\nHost: tavrel:8019\r\nUser-Agent: UA"}, {"remoteip", {}, "198.51.100.9"},
+      {"FormCol", {}, "{name|x y,b|A}"}, {"QueryStringCol", {}, "{q|1,r|[x]}"}, {"FormCol.Count", {}, "2"},
+      {"FormCol.Item", {"NAME"}, "name|x y"}, {"FormCol.", {"2"}, "b|A"},
+      {"QueryStringCol.Item", {"3"}, "error 5"}, {"Decode", {"a+b%3A%3a%41"}, "a b'/A"},
+      {"AddPostData", {"c=%41"}, ""}, {"Form", {"c"}, "A"}, {"Form", {}, "error 450"}};
+  // clang-format on
   for (const MemberCase& c : asked)
     EXPECT_EQ(CallMember(scriptRequest, c.member, c.args), c.seen) << c.member;
 
@@ -274,11 +266,12 @@ TEST_F(ScriptHostTest, RequestAndResponseMembersAnswerAsTheServerDoes) {
   Sink sink;
   Response response(sink, {home.Path() / "HTML", clock, reporter, nullptr});
   ResponseObject scriptResponse(response, request);
-  const std::vector<MemberCase> rest{{"GetContentType", {"a.php"}, "text/html|text/html|True|True"},
-                                     {"index", {}, "3"},
-                                     {"SendTextString", {"x", "4"}, "error 5"},
-                                     {"SendBinaryFile", {"/img/a.gif", "three"}, "error 13"},
-                                     {"RedirectToHS", {"hs:81", "3"}, "error 450"}};
+  // clang-format off
+  const std::vector<MemberCase> rest{
+      {"GetContentType", {"a.php"}, "text/html|text/html|True|True"}, {"index", {}, "3"},
+      {"SendTextString", {"x", "4"}, "error 5"}, {"SendBinaryFile", {"/img/a.gif", "three"}, "error 13"},
+      {"RedirectToHS", {"hs:81", "3"}, "error 450"}};
+  // clang-format on
   for (const MemberCase& c : rest)
     EXPECT_EQ(CallMember(scriptResponse, c.member, c.args), c.seen) << c.member;
   EXPECT_EQ(sink.sent, "");
