@@ -8,7 +8,6 @@
 #include "lan/NativeSweep.h"
 #include "lan/ScanCommand.h"
 #include "lan/Subnet.h"
-#include "platform/LineEnd.h"
 #include "platform/NeighbourWire.h"
 #include "support/ManualTimers.h"
 #include "support/TestSupport.h"
@@ -23,14 +22,6 @@ constexpr Ipv4 Ip(unsigned a, unsigned b, unsigned c, unsigned d) { return a << 
 const MacAddress kOurMac{0x02, 0x00, 0x00, 0x00, 0x00, 0x01};
 const MacAddress kHostMac{0x02, 0x00, 0xc6, 0x33, 0x64, 0x07};
 const Ipv4 kOurIp = Ip(198, 51, 100, 1), kHostIp = Ip(198, 51, 100, 7);
-
-// The sweep's log files are what people see in the Temp folder: the lines of "arp -a".
-TEST(ArpLogText, LinesAreThoseOfArpMinusA) {
-  const std::string nl(kLineEnd);
-  EXPECT_EQ(ArpLogText({{"203.0.113.254", "02-00-cb-00-71-fe"}, {"198.51.100.7", "00-11-22-33-44-55"}}),
-            "  203.0.113.254         02-00-cb-00-71-fe     dynamic" + nl +
-                "  198.51.100.7          00-11-22-33-44-55     dynamic" + nl);
-}
 
 // Only refused arguments here: a command that got past its checks would probe the machine's real link.
 TEST(Subnets, ThreeDottedNumbersNumberedByTheirPlaceAndTheScanCommandRefusesOthersByName) {
