@@ -228,24 +228,19 @@ TEST(MagicPacket, SixFFThenTheMacSixteenTimesForTwelveHexDigitsOfEitherCaseOnly)
     EXPECT_THROW(MagicPacket(text), std::invalid_argument) << text;
 }
 
-// "-", ":" and "." are dropped wherever they stand; nothing else is.
-TEST(MacDigits, TheTwelveDigitsLeftOnceDashesColonsAndDotsAreGone) {
+// MAC digits: "-", ":" and "." are dropped wherever they stand, nothing else is. The broadcast address:
+// the last octet becomes 255, only for dotted decimal IPv4. Only refused input is sent: a valid MAC and
+// IP would put a real broadcast on the wire.
+TEST(WakeInput, MacDigitsBroadcastAddressAndRefusalsReportedAsEventsAndNotSent) {
   for (const char* mac : {"00-11-22-aa-BB-cc", "00:11:22:aa:BB:cc", "0011.22aa.BBcc", "0-0-1122aaBBcc--"})
     EXPECT_EQ(MacDigits(mac), "001122aaBBcc") << mac;
   for (const char* mac : {"", "00-11-22-33-44", "00-11-22-33-44-55-66", "00_11_22_33_44_55", "0x0011223344"})
     EXPECT_EQ(MacDigits(mac), "") << mac;
-}
-
-TEST(WolBroadcast, LastOctetBecomes255OnlyForDottedDecimalIPv4) {
   EXPECT_EQ(WolBroadcast("198.51.100.7"), "198.51.100.255");
   EXPECT_EQ(WolBroadcast("198.051.100.007"), "198.51.100.255");  // leading zeros: decimal, not written back
   for (const char* ip : {"198.51.100", "198.51.100.7.1", "198.51.100.256", "198..100.7", " 198.51.100.7",
                          "198.51.100.+7", "198.51.100.0007"})
     EXPECT_EQ(WolBroadcast(ip), "") << ip;
-}
-
-// Only refused input is sent here: a valid MAC and IP would put a real broadcast on the wire.
-TEST(SendWOL, RefusedInputIsReportedAsAnEventAndNotSent) {
   const std::string digits =
       "\" is not 12 hexadecimal digits (such as 00-11-22-33-44-55, 00:11:22:33:44:55 or 0011.2233.4455)";
   EXPECT_EQ(WolInputError("00:11:22:33:44:55", "198.51.100.7"), "");
