@@ -64,7 +64,7 @@ class NodeRulesTest : public ::testing::Test {
   int callbacks = 0;
 };
 
-TEST_F(NodeRulesTest, HeartbeatIntervalIsClampedAndAnOutOfRangeOneIsRefused) {
+TEST_F(NodeRulesTest, HeartbeatIntervalIsClampedAnOutOfRangeOneIsRefusedAndZeroStopsTheTimer) {
   const std::tuple<long, const char*, long> cases[] = {
       {60, "60", 60000}, {3, "5", 5000}, {-7, "0", 0}, {12, "12", 12000}};
   for (const auto& [asked, sent, timerMs] : cases) {
@@ -78,9 +78,6 @@ TEST_F(NodeRulesTest, HeartbeatIntervalIsClampedAndAnOutOfRangeOneIsRefused) {
   EXPECT_EQ(Logged(), "SendHeartbeat|380\n");
   EXPECT_TRUE(sink.Take().empty());
   EXPECT_EQ(node.HeartbeatTimerInterval(), 12000);
-}
-
-TEST_F(NodeRulesTest, TimerSendsOnEveryTenthTickAndZeroStopsIt) {
   node.SendHeartbeat(5);  // ticks every 5 s, so a heartbeat every 50 s stating 50
   sink.Take();
   std::string sent;
