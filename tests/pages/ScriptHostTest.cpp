@@ -173,17 +173,15 @@ struct MemberCase {
 // hs over the Config folder: nothing outside it is read, written or created, whatever name a script uses.
 TEST_F(ScriptHostTest, HsReadsAndWritesOnlyFilesOfTheConfigFolder) {
   HsObject object(hs);
+  // No file means settings.ini; an empty section lists one empty key.
+  // clang-format off
   const std::vector<MemberCase> cases{
-      {"GetINISetting", {"S", "k", "dflt", "other.ini"}, "dflt"},
-      {"SaveIniSetting", {"S", "a", "1", ""}, ""},
-      {"SaveIniSetting", {"S", "b", "2", "settings.ini"}, ""},
-      {"GetINISetting", {"S", "b", "-"}, "2"},  // no file: settings.ini
+      {"GetINISetting", {"S", "k", "dflt", "other.ini"}, "dflt"}, {"SaveIniSetting", {"S", "a", "1", ""}, ""},
+      {"SaveIniSetting", {"S", "b", "2", "settings.ini"}, ""}, {"GetINISetting", {"S", "b", "-"}, "2"},
       {"GetINISection", {"S", "settings.ini"}, std::string("A=1\0B=2", 7)},
-      {"ClearINISection", {"S", ""}, ""},
-      {"GetINISection", {"S", "settings.ini"}, "="},  // an empty section lists one empty key
-      {"", {}, ""},
-      {"GetINISetting", {"S", "k"}, "error 450"},
-  };
+      {"ClearINISection", {"S", ""}, ""}, {"GetINISection", {"S", "settings.ini"}, "="}, {"", {}, ""},
+      {"GetINISetting", {"S", "k"}, "error 450"}};
+  // clang-format on
   for (const MemberCase& c : cases) EXPECT_EQ(CallMember(object, c.member, c.args), c.seen) << c.member;
   for (const char* plain : {"console.ini", "COM10.ini", "x..ini", ".hidden", "Con1.ini"})
     EXPECT_EQ(CallMember(object, "GetINISetting", {"S", "k", "ok", plain}), "ok") << plain;
