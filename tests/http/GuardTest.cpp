@@ -56,6 +56,7 @@ TEST(GuardTest, DecidesByAddressHostOriginAndPassword) {
   for (const char* peer : {"172.32.0.1", "198.51.100.7", ""})
     EXPECT_EQ(Fixture().Check(peer, kLocal), V::kAddress) << peer;
   const std::string lan = "192.168.1.20";
+  // clang-format off
   const struct {
     V verdict;
     std::string headers, method = "GET", peer = "192.168.1.20", hash = {}, allow = {}, hosts = {};
@@ -71,12 +72,9 @@ TEST(GuardTest, DecidesByAddressHostOriginAndPassword) {
       {V::kHost, "Host: evil.example:8019\r\n"},
       {V::kServe, "Host: EVIL.example.:8019\r\n", "GET", lan, "", "", "other, evil.example"},
       {V::kServe, "Host: anything\r\n", "GET", lan, "", "", "*"},
-      {V::kServe, "Host: TAVRELHOST.fritz.box:8019\r\n"},
-      {V::kHost, "Host: tavrelhostile.example\r\n"},
-      {V::kServe, "Host: localhost:8019\r\n"},
-      {V::kServe, "Host: [::1]:8019\r\n"},
-      {V::kHost, "Host: 192.168.1.10:99999\r\n"},
-      {V::kHost, "Host: 192.168.1.10\r\nhost: evil.example\r\n"},
+      {V::kServe, "Host: TAVRELHOST.fritz.box:8019\r\n"}, {V::kHost, "Host: tavrelhostile.example\r\n"},
+      {V::kServe, "Host: localhost:8019\r\n"}, {V::kServe, "Host: [::1]:8019\r\n"},
+      {V::kHost, "Host: 192.168.1.10:99999\r\n"}, {V::kHost, "Host: 192.168.1.10\r\nhost: evil.example\r\n"},
       {V::kServe, "Host:192.168.1.10\r\nOrigin:http://192.168.1.10\r\n", "POST"},
       // Forms from other sites.
       {V::kServe, kLocal + "Origin: http://127.0.0.1:8019\r\n", "POSTx"},
@@ -89,13 +87,13 @@ TEST(GuardTest, DecidesByAddressHostOriginAndPassword) {
       {V::kServe, kLocal, "POSTx"},  // curl and scripts send neither
       {V::kServe, "Host: pc.example\r\nOrigin: https://pc.example\r\n", "POSTx", lan, "", "", "pc.example"},
       // The password.
-      {V::kNoCredentials, kLocal, "GET", lan, "h:secret"},
-      {V::kServe, kRight, "GET", lan, "h:secret"},
+      {V::kNoCredentials, kLocal, "GET", lan, "h:secret"}, {V::kServe, kRight, "GET", lan, "h:secret"},
       {V::kWrongPassword, kWrong, "GET", lan, "h:secret"},
       {V::kWrongPassword, kLocal + "Authorization: Bearer dXNlcjpzZWNyZXQ=\r\n", "GET", lan, "h:secret"},
       {V::kWrongPassword, kRight, "GET", lan, "secret"},  // not a hash: nobody gets in
       {V::kAddress, kRight, "GET", "198.51.100.7", "h:secret"},
   };
+  // clang-format on
   for (const auto& c : cases) {
     Fixture f;
     f.settings = {c.allow, c.hosts, c.hash};
