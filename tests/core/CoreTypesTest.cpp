@@ -18,9 +18,7 @@ namespace fs = std::filesystem;
 // The text forms are checked in pages, events and settings; here what they refuse and the minute count,
 // which counts the calendar minute boundaries crossed.
 TEST(Clock, ParsingRefusesImpossibleTimesAndMinutesCountBoundariesCrossed) {
-  DateTime back;
-  ASSERT_TRUE(ParseDateTime("2026-11-22 09:05:07", back));
-  EXPECT_EQ(back, MakeDateTime(2026, 11, 22, 9, 5, 7));
+  DateTime back;  // well-formed times are read in the page tests, as when each computer was seen
   for (const char* bad : {"2026-02-30 00:00:00", "2026-11-22 24:00:00", "2026-11-22T09:05:07", ""})
     EXPECT_FALSE(ParseDateTime(bad, back)) << bad;
   const int cases[][8] = {

@@ -34,8 +34,7 @@ class PageTest : public ::testing::Test {
   PageTest() {
     PageActions actions;
     actions.SendWOL = [this](const std::string& mac, const std::string& ip) {
-      calls.push_back("WOL " + mac + " " + ip);
-      return true;
+      return calls.push_back("WOL " + mac + " " + ip), true;
     };
     actions.SendComputerControl = [this](const std::string& name, const std::string& action) {
       calls.push_back(action + " " + name);
