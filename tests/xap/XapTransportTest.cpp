@@ -93,7 +93,7 @@ TEST_F(NodeRulesTest, HeartbeatIntervalIsClampedAnOutOfRangeOneIsRefusedAndZeroS
   EXPECT_TRUE(sink.Take().empty());
 }
 
-TEST_F(NodeRulesTest, QueueKeepsHeadersInOrderWithOneCallbackPerBurstAndCallsAgainWhileMessagesWait) {
+TEST_F(NodeRulesTest, QueueKeepsHeadersInOrderCallsBackWhileMessagesWaitAndDropsWhatIsTooMuch) {
   const std::string beat = "xap-hbeat\n{\nv=12\n}\n";
   for (const auto& text : {beat, "xap"s, ""s, "XAP-HEADER\n1"s, "xap-header\n2"s})
     node.ProcessReceivedMessage(text);
@@ -102,9 +102,8 @@ TEST_F(NodeRulesTest, QueueKeepsHeadersInOrderWithOneCallbackPerBurstAndCallsAga
   for (auto step : {49ms, 1ms, 50ms}) timers.Advance(step), calls += std::to_string(callbacks);
   EXPECT_EQ(calls, "012");
   EXPECT_EQ(Drain(), (std::vector{"XAP-HEADER\n1"s, "xap-header\n2"s}));
-}
 
-TEST_F(NodeRulesTest, OversizedAndOverflowingMessagesAreDroppedWithOneLogLineAMinute) {
+  // Oversized and overflowing messages are dropped with one log line a minute.
   const std::string fits = "xap-header\n" + std::string(XapNode::kMaxDatagram - 11, 'x');
   for (const auto& text : {fits + "y", fits + "y", fits}) node.ProcessReceivedMessage(text);
   EXPECT_EQ(Logged(), "ProcessReceivedMessage dropped 1 datagram(s) over 1500 bytes|0\n");
