@@ -13,7 +13,6 @@ namespace {
 
 using Names = std::vector<std::string>;
 using std::chrono::milliseconds;
-namespace fs = std::filesystem;
 
 // The text forms are checked in pages, events and settings; here what they refuse and the minute count,
 // which counts the calendar minute boundaries crossed.
