@@ -188,8 +188,7 @@ TEST_F(SweepTest, SilentHostsAreAskedAgainCancelledSweepsStaySilentAndFailuresAr
   sweep.Start({"198.51.100"}, old);
   EXPECT_EQ(Sweep(sweep, {"203.0.113"}, true), Result{{}});  // replaces the one just started
   EXPECT_EQ(reporter.Take(), std::vector<std::string>{"event|tavrel|BuildARPTable|5|disk full"});
-  EXPECT_EQ(Sweep(Make(false), {"198.51.100", "203.0.113"}),
-            (Result{{}, {}}));  // the caller still hears the end
+  EXPECT_EQ(Sweep(Make(false), {"198.51.100", "203.0.113"}), (Result{{}, {}}));  // the end still comes
   std::string prefix = "event|tavrel|BuildARPTable|5|native sweep: ";
   EXPECT_EQ(reporter.Take(), std::vector{prefix + make_error_code(std::errc::permission_denied).message()});
   probe->failures = 3;

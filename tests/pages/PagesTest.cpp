@@ -116,9 +116,8 @@ TEST_F(PageTest, WholePagesAreByteExact) {
                       {"203.0.113.7", "AA-BB-CC-DD-EE-FF"}});
   EXPECT_EQ(Get(), Golden("table.html"));
 
-  hs.SaveIniSetting("WOL", "Sort", "IP", kIniFile);
-  hs.SaveIniSetting("WOL", "SortDir", "DESC", kIniFile);
-  hs.SaveIniSetting("WOL", "Subnet", "198.51.100,203.0.113", kIniFile);
+  hs.SaveIniSettings("WOL", {{"Sort", "IP"}, {"SortDir", "DESC"}, {"Subnet", "198.51.100,203.0.113"}},
+                     kIniFile);
   ComputerRegistry::Edits edits;
   for (const char* name : {"Jo's <PC>", "nas", "old"}) computers.Rename(name, "", "", edits);
   scanning = true;
@@ -259,8 +258,7 @@ TEST_F(PageTest, RowsFollowTheSortSettingsAndABadSettingFallsBackToName) {
       {"Key", "DESC", {"198.51.100.10", "198.51.100.9", "198.51.100.100"}, "Key"},
       {"MAC", "UP", {"198.51.100.9", "198.51.100.100", "198.51.100.10"}, "Name"}};
   for (const auto& [sort, dir, ips, sortAfter] : cases) {
-    hs.SaveIniSetting("WOL", "Sort", sort, kIniFile);
-    hs.SaveIniSetting("WOL", "SortDir", dir, kIniFile);
+    hs.SaveIniSettings("WOL", {{"Sort", sort}, {"SortDir", dir}}, kIniFile);
     EXPECT_EQ(RowIps(Get()), ips) << sort << " " << dir;
     EXPECT_EQ(Ini("WOL", "Sort"), sortAfter) << sort;
   }
