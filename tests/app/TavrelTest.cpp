@@ -50,10 +50,6 @@ class TavrelTest : public ::testing::Test {
     app = std::make_unique<Tavrel>(io, home.Path(), clock, Tavrel::Options{.noTray = true});
     ASSERT_TRUE(app->form_load());
   }
-  void From(const std::string& name) {
-    app->Transport()->ProcessReceivedMessage("xap-header\n{\nv=12\nhop=1\nclass=x.y\nsource=a.b." + name +
-                                             "\n}\n");
-  }
 
   test::TempDir home;
   asio::io_context io;
@@ -71,19 +67,12 @@ TEST_F(TavrelTest, StartLoadsTheComputersAndOneCallHandsEveryWaitingSenderToThem
   EXPECT_EQ(app->Computers().FindByName(own)->Value, ip);
   // This machine's own address is in the table and, with the same MAC, in the file.
   EXPECT_EQ(app->Settings().GetINISetting("ARP", ip, "", kIniFile), app->Computers().FindByIP(ip)->Value);
-  for (const char* name : {"pc2", "pc3"}) From(name);
+  for (const char* name : {"pc2", "pc3"})
+    app->Transport()->ProcessReceivedMessage("xap-header\n{\nclass=x.y\nsource=a.b."s + name + "\n}\n");
   app->onMessage();
   EXPECT_EQ(app->Transport()->GetMessage(), "");
   EXPECT_EQ(app->Computers().Count(), 4u);  // this machine, pc1, pc2 and pc3
-  // The port the hub holds is taken; the fallback is bound on 127.0.0.1 alone, so 127.0.0.2 can take it too.
-  const long port = app->Transport()->LocalPort();
-  EXPECT_GE(port, XapTransport::kFirstFallbackPort);
-#ifndef _WIN32
-  std::error_code ec;
-  asio::ip::udp::socket(io, asio::ip::udp::v4())
-      .bind({asio::ip::make_address_v4("127.0.0.2"), static_cast<unsigned short>(port)}, ec);
-  EXPECT_FALSE(ec) << ec.message();
-#endif
+  EXPECT_GE(app->Transport()->LocalPort(), XapTransport::kFirstFallbackPort);  // the hub holds the xAP port
 }
 
 #ifndef _WIN32

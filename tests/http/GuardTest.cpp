@@ -55,50 +55,45 @@ TEST(GuardTest, DecidesByAddressHostOriginAndPassword) {
     EXPECT_EQ(Fixture().Check(peer, kLocal), V::kServe) << peer;
   for (const char* peer : {"172.32.0.1", "198.51.100.7", ""})
     EXPECT_EQ(Fixture().Check(peer, kLocal), V::kAddress) << peer;
+  const std::string lan = "192.168.1.20";
+  // clang-format off
   const struct {
-    std::string peer, headers, method, allow, hosts, hash;
     V verdict;
+    std::string headers, method = "GET", peer = "192.168.1.20", hash = {}, allow = {}, hosts = {};
   } cases[] = {
       // With HTTPAllow set, its list decides.
-      {"198.51.100.7", kLocal, "GET", "bogus, 198.51.100.0/25", "", "", V::kServe},
-      {"198.51.100.200", kLocal, "GET", "198.51.100.0/25", "", "", V::kAddress},
-      {"192.168.1.20", kLocal, "GET", "198.51.100.7", "", "", V::kAddress},  // the list narrows it
-      {"127.0.0.1", kLocal, "GET", "198.51.100.7", "", "", V::kServe},       // loopback stays in
-      {"8.8.8.8", kLocal, "GET", " * ", "", "", V::kServe},
+      {V::kServe, kLocal, "GET", "198.51.100.7", "", "bogus, 198.51.100.0/25"},
+      {V::kAddress, kLocal, "GET", "198.51.100.200", "", "198.51.100.0/25"},
+      {V::kAddress, kLocal, "GET", lan, "", "198.51.100.7"},        // the list narrows it
+      {V::kServe, kLocal, "GET", "127.0.0.1", "", "198.51.100.7"},  // loopback stays in
+      {V::kServe, kLocal, "GET", "8.8.8.8", "", " * "},
       // The names this server answers to.
-      {"192.168.1.20", "", "GET", "", "", "", V::kServe},  // no Host: no browser
-      {"192.168.1.20", "Host: evil.example:8019\r\n", "GET", "", "", "", V::kHost},
-      {"192.168.1.20", "Host: EVIL.example.:8019\r\n", "GET", "", "other, evil.example", "", V::kServe},
-      {"192.168.1.20", "Host: anything\r\n", "GET", "", "*", "", V::kServe},
-      {"192.168.1.20", "Host: TAVRELHOST.fritz.box:8019\r\n", "GET", "", "", "", V::kServe},
-      {"192.168.1.20", "Host: tavrelhostile.example\r\n", "GET", "", "", "", V::kHost},
-      {"192.168.1.20", "Host: localhost:8019\r\n", "GET", "", "", "", V::kServe},
-      {"192.168.1.20", "Host: [::1]:8019\r\n", "GET", "", "", "", V::kServe},
-      {"192.168.1.20", "Host: 192.168.1.10:99999\r\n", "GET", "", "", "", V::kHost},
-      {"192.168.1.20", "Host: 192.168.1.10\r\nhost: evil.example\r\n", "GET", "", "", "", V::kHost},
-      {"192.168.1.20", "Host:192.168.1.10\r\nOrigin:http://192.168.1.10\r\n", "POST", "", "", "", V::kServe},
+      {V::kServe, ""},  // no Host: no browser
+      {V::kHost, "Host: evil.example:8019\r\n"},
+      {V::kServe, "Host: EVIL.example.:8019\r\n", "GET", lan, "", "", "other, evil.example"},
+      {V::kServe, "Host: anything\r\n", "GET", lan, "", "", "*"},
+      {V::kServe, "Host: TAVRELHOST.fritz.box:8019\r\n"}, {V::kHost, "Host: tavrelhostile.example\r\n"},
+      {V::kServe, "Host: localhost:8019\r\n"}, {V::kServe, "Host: [::1]:8019\r\n"},
+      {V::kHost, "Host: 192.168.1.10:99999\r\n"}, {V::kHost, "Host: 192.168.1.10\r\nhost: evil.example\r\n"},
+      {V::kServe, "Host:192.168.1.10\r\nOrigin:http://192.168.1.10\r\n", "POST"},
       // Forms from other sites.
-      {"192.168.1.20", kLocal + "Origin: http://127.0.0.1:8019\r\n", "POSTx", "", "", "", V::kServe},
-      {"192.168.1.20", kLocal + "Origin: http://evil.example\r\n", "POSTx", "", "", "", V::kOrigin},
-      {"192.168.1.20", kLocal + "Origin: http://127.0.0.1:8020\r\n", "POST", "", "", "", V::kOrigin},
-      {"192.168.1.20", kLocal + "Referer: http://evil.example/x?http://127.0.0.1:8019/\r\n", "POSTx", "", "",
-       "", V::kOrigin},
-      {"192.168.1.20", kLocal + "Referer: http://127.0.0.1:8019/wol\r\n", "POSTx", "", "", "", V::kServe},
-      {"192.168.1.20", kLocal + "Referer: http://user@127.0.0.1:8019/\r\n", "POSTx", "", "", "", V::kOrigin},
-      {"192.168.1.20", kLocal + "Origin: http://evil.example\r\n", "GET", "", "", "", V::kServe},
-      {"192.168.1.20", kLocal, "POSTx", "", "", "", V::kServe},  // curl and scripts send neither
-      {"192.168.1.20", "Host: pc.example\r\nOrigin: https://pc.example\r\n", "POSTx", "", "pc.example", "",
-       V::kServe},  // behind a TLS proxy
+      {V::kServe, kLocal + "Origin: http://127.0.0.1:8019\r\n", "POSTx"},
+      {V::kOrigin, kLocal + "Origin: http://evil.example\r\n", "POSTx"},
+      {V::kOrigin, kLocal + "Origin: http://127.0.0.1:8020\r\n", "POST"},
+      {V::kOrigin, kLocal + "Referer: http://evil.example/x?http://127.0.0.1:8019/\r\n", "POSTx"},
+      {V::kServe, kLocal + "Referer: http://127.0.0.1:8019/wol\r\n", "POSTx"},
+      {V::kOrigin, kLocal + "Referer: http://user@127.0.0.1:8019/\r\n", "POSTx"},
+      {V::kServe, kLocal + "Origin: http://evil.example\r\n"},
+      {V::kServe, kLocal, "POSTx"},  // curl and scripts send neither
+      {V::kServe, "Host: pc.example\r\nOrigin: https://pc.example\r\n", "POSTx", lan, "", "", "pc.example"},
       // The password.
-      {"192.168.1.20", kLocal, "GET", "", "", "h:secret", V::kNoCredentials},
-      {"192.168.1.20", kRight, "GET", "", "", "h:secret", V::kServe},
-      {"192.168.1.20", kWrong, "GET", "", "", "h:secret", V::kWrongPassword},
-      {"192.168.1.21", kLocal + "Authorization: Basic !!\r\n", "GET", "", "", "h:secret", V::kWrongPassword},
-      {"192.168.1.22", kLocal + "Authorization: Bearer dXNlcjpzZWNyZXQ=\r\n", "GET", "", "", "h:secret",
-       V::kWrongPassword},
-      {"192.168.1.23", kRight, "GET", "", "", "secret", V::kWrongPassword},  // not a hash: nobody gets in
-      {"198.51.100.7", kRight, "GET", "", "", "h:secret", V::kAddress},
+      {V::kNoCredentials, kLocal, "GET", lan, "h:secret"}, {V::kServe, kRight, "GET", lan, "h:secret"},
+      {V::kWrongPassword, kWrong, "GET", lan, "h:secret"},
+      {V::kWrongPassword, kLocal + "Authorization: Bearer dXNlcjpzZWNyZXQ=\r\n", "GET", lan, "h:secret"},
+      {V::kWrongPassword, kRight, "GET", lan, "secret"},  // not a hash: nobody gets in
+      {V::kAddress, kRight, "GET", "198.51.100.7", "h:secret"},
   };
+  // clang-format on
   for (const auto& c : cases) {
     Fixture f;
     f.settings = {c.allow, c.hosts, c.hash};
