@@ -74,30 +74,6 @@ TEST(NodeTest, StartsWithHeartbeatThenHeldReportsThenThePortEventAndAnswers) {
   EXPECT_NE(node.Ini().find("[ARP]"), std::string::npos);
 }
 
-// `tavrel wake` sends the magic packet (the page's button and the xAP request send the same, through the
-// same code); a MAC of other than twelve digits sends nothing.
-TEST(NodeTest, TheWakeCommandSendsTheMagicPacketToTheComputersSubnet) {
-  if (geteuid() != 0) GTEST_SKIP() << "port 7 needs root";
-  // 127.0.0.9/24 has the broadcast 127.0.0.255: loopback, so the packet stays on this machine.
-  int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  sockaddr_in addr = Loopback(7);
-  inet_pton(AF_INET, "127.0.0.255", &addr.sin_addr);
-  ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
-  std::string expected(6, '\xFF');
-  for (int i = 0; i < 16; ++i) expected += "\x00\x1A\x2B\x3C\x4D\x5E"s;
-  auto wake = [](const char* mac) {
-    pid_t pid = Spawn({TAVREL_BINARY, "wake", mac, "127.0.0.9"});
-    return WaitExit(pid);
-  };
-  EXPECT_NE(wake("00-1A-2B-3C-4D"), 0);  // which MACs are taken is the magic packet's unit test's
-  EXPECT_EQ(wake("00:1a:2b:3c:4d:5e"), 0);
-  char buf[512];
-  pollfd p{fd, POLLIN, 0};
-  const ssize_t n = poll(&p, 1, 5000) == 1 ? recv(fd, buf, sizeof buf, 0) : 0;
-  EXPECT_EQ(std::string(buf, static_cast<size_t>(std::max<ssize_t>(n, 0))), expected);
-  close(fd);
-}
-
 TEST(NodeTest, UnusableBroadcastAddressEndsTheProgramWithALogLine) {
   Hub hub;
   Node node(hub.Port());

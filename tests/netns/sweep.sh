@@ -7,8 +7,8 @@
 # ("ScanInterval" 10, "AwayAfter" 25): a host unplugged turns red on the page after AwayAfter and not
 # before, one that misses every other sweep never does, one plugged back in is green within an interval
 # and a second; a host that is off keeps its MAC and WOL button after "Query LAN", and the button puts the
-# magic packet on the wire, as do the JSON interface's wake and the wake button pressed over MQTT (a broker
-# in the scanner namespace).
+# magic packet on the wire, as do `tavrel wake`, the JSON interface's wake and the wake button pressed over
+# MQTT (a broker in the scanner namespace).
 # SIGTERM ends it with 0.
 #   usage: sweep.sh PATH/TO/tavrel        exit 77 = skipped
 set -uo pipefail
@@ -136,6 +136,7 @@ wakes() { # what command...: the command puts the magic packet for $off on the w
   [ "$(cat "$work/magic")" = "ffffffffffff$(printf '0200c6336406%.0s' {1..16})" ] || fail "$1: no magic packet for $off: $(cat "$work/magic")"
 }
 wakes "WOL button" page wake $off "198.51.100, 203.0.113"
+wakes "wake command" in_scanner privileged "$tavrel" wake 02:00:c6:33:64:06 $off
 wakes "JSON wake" in_scanner privileged python3 -c "import urllib.request as u; u.urlopen(u.Request(
   'http://127.0.0.1:$((port + 1))/api/wake?computer=02:00:c6:33:64:06', method='POST'), timeout=5)"
 # The hub's button for it: topic tavrel/<this machine's name>/<MAC digits>/wake.
